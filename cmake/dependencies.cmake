@@ -1,0 +1,21 @@
+# Everything here is a Debian 12 package; docs/dependencies.md says why each was chosen.
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+
+pkg_check_modules(LIBEVENT REQUIRED IMPORTED_TARGET libevent)
+pkg_check_modules(LIBEVENT_PTHREADS REQUIRED IMPORTED_TARGET libevent_pthreads)
+pkg_check_modules(LIBCURL REQUIRED IMPORTED_TARGET libcurl)
+pkg_check_modules(LIBCONFIG REQUIRED IMPORTED_TARGET libconfig++)
+pkg_check_modules(LOG4CPP REQUIRED IMPORTED_TARGET log4cpp)
+pkg_check_modules(NFCT REQUIRED IMPORTED_TARGET libnetfilter_conntrack)
+pkg_check_modules(LIBMNL REQUIRED IMPORTED_TARGET libmnl)
+pkg_check_modules(LIBUUID REQUIRED IMPORTED_TARGET uuid)
+pkg_check_modules(OPENSSL REQUIRED IMPORTED_TARGET openssl)
+pkg_check_modules(LIBDEFLATE REQUIRED IMPORTED_TARGET libdeflate)
+find_path(RAPIDJSON_INCLUDE_DIR rapidjson/rapidjson.h REQUIRED)
+
+find_program(CCACHE ccache)
+if(CCACHE)
+  set(CMAKE_C_COMPILER_LAUNCHER ${CCACHE})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+endif()

@@ -1,0 +1,148 @@
+// The dynamic value in which reports and events are built, and its JSON form.
+//
+// A value is null, a bool, a signed or unsigned 64-bit number, a double, a string, a list or a map. It owns what
+// it holds; copying copies deep, moving is cheap and leaves null. Maps keep one value for each key; key order
+// carries no meaning.
+//
+// Reads that don't fit the kind of the value give the empty result of their type and never throw.
+#pragma once
+
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace libvariant {
+
+class VariantMap;  // the storage of a map, in variant.cpp's own form
+
+// A key written in the code. Only a constant expression makes one, so the text outlives every map and is never
+// copied.
+class LiteralKey {
+ public:
+  consteval LiteralKey(const char* text) : text_(text) {}  // NOLINT(google-explicit-constructor)
+  std::string_view text() const { return text_; }
+
+ private:
+  std::string_view text_;
+};
+
+class Variant {
+ public:
+  enum class Kind : std::uint8_t { Null, Bool, Signed, Unsigned, Double, String, List, Map };
+  using List = std::vector<Variant>;
+
+  Variant() noexcept = default;
+  Variant(bool value) noexcept;  // NOLINT(google-explicit-constructor): values convert by design
+  template <std::signed_integral T>
+  Variant(T value) noexcept : Variant(SignedTag{}, static_cast<std::int64_t>(value)) {}  // NOLINT
+  template <std::unsigned_integral T>
+    requires(!std::same_as<T, bool>)
+  Variant(T value) noexcept : Variant(UnsignedTag{}, static_cast<std::uint64_t>(value)) {}  // NOLINT
+  Variant(double value) noexcept;           // NOLINT
+  Variant(const char* value);               // NOLINT
+  Variant(std::string value);               // NOLINT
+  Variant(const Variant& other);
+  Variant(Variant&& other) noexcept;
+  Variant& operator=(const Variant& other);
+  Variant& operator=(Variant&& other) noexcept;
+  ~Variant();
+
+  static Variant make_map();
+  static Variant make_list();
+
+  Kind kind() const { return kind_; }
+  bool IsNull() const { return kind_ == Kind::Null; }
+  bool IsMap() const { return kind_ == Kind::Map; }
+  bool IsList() const { return kind_ == Kind::List; }
+  bool IsString() const { return kind_ == Kind::String; }
+  // Null, or a string, list or map without content.
+  bool Empty() const;
+  std::size_t Size() const;  // of a list or map, 0 else
+  // A list, map or string becomes empty and keeps its kind; everything else becomes null.
+  void Clear();
+
+  // --- map: a null value becomes a map first; on another kind they do nothing (At gives a shared null) --------
+  // Sets the value of a key, replacing what is there. Returns the stored value.
+  Variant& Assign(LiteralKey key, Variant value);
+  template <std::same_as<std::string> S>
+  Variant& Assign(const S& key, Variant value) {
+    return assign_copied(key, std::move(value));
+  }
+  // The same, unless the key is there already; returns what is stored.
+  Variant& Set(LiteralKey key, Variant value);
+  template <std::same_as<std::string> S>
+  Variant& Set(const S& key, Variant value) {
+    return set_copied(key, std::move(value));
+  }
+  // The value of a key; a null Variant, not stored, when the key is missing.
+  const Variant& At(std::string_view key) const;
+  Variant* Find(std::string_view key);
+  bool Contains(std::string_view key) const;
+  bool Erase(std::string_view key);
+  // Takes over all keys of the other map; equal keys get its values, maps within maps are merged likewise.
+  void Merge(Variant other);
+  // A copy as a standard map; empty for other kinds.
+  std::map<std::string, Variant> AsMap() const;
+  // Calls visit(std::string_view key, const Variant& value) for each entry.
+  template <typename Visitor>
+  void ForEach(Visitor visit) const {
+    for (std::size_t i = 0; i < map_size(); ++i) {
+      const auto entry = map_entry(i);
+      visit(entry.first, *entry.second);
+    }
+  }
+
+  // --- list: a null value becomes a list first; on another kind Append does nothing ---------------------------
+  Variant& Append(Variant value);
+  const List& AsList() const;  // an empty list for other kinds
+  List* MutableList();         // null for other kinds
+
+  // --- scalars: a number converts to the other number types, cut to their range -------------------------------
+  bool AsBool() const;
+  std::int64_t AsInt() const;
+  std::uint64_t AsUnsigned() const;
+  double AsDouble() const;
+  const std::string& AsString() const;  // empty for other kinds
+
+  // Equal kinds and contents; the number kinds compare by value.
+  friend bool operator==(const Variant& a, const Variant& b);
+
+ private:
+  struct SignedTag {};
+  struct UnsignedTag {};
+  Variant(SignedTag, std::int64_t value) noexcept;
+  Variant(UnsignedTag, std::uint64_t value) noexcept;
+
+  Variant& assign_copied(std::string_view key, Variant value);
+  Variant& set_copied(std::string_view key, Variant value);
+  std::size_t map_size() const;
+  std::pair<std::string_view, const Variant*> map_entry(std::size_t index) const;
+
+  union Payload {
+    bool boolean;
+    std::int64_t number;
+    std::uint64_t natural;
+    double real;
+    std::string* string;
+    List* list;
+    VariantMap* map;
+  };
+  Payload payload_ = {.natural = 0};
+  Kind kind_ = Kind::Null;
+};
+
+// JSON text of a value. Parameters is a map with "pretty" (bool, false when missing: four blanks a level, a line
+// feed a member) and "precision" (significant digits of a double, 17 when missing). A double that is not finite
+// is written as 0. Bytes that are no UTF-8 are written as U+FFFD.
+std::string Serialize(const Variant& value, const Variant& parameters);
+
+// The value of a JSON text (RFC 8259). Text that is no JSON, or nests deeper than 256, logs one error with the
+// offset and gives a null value. Of equal keys the last wins.
+Variant Deserialize(std::string_view text);
+
+}  // namespace libvariant
