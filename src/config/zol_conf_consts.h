@@ -3,7 +3,7 @@
 // The variables are plain pointers on purpose: a tool may bend a key. Nothing in the daemon writes to them.
 #pragma once
 
-#define ZOL_KEY(variable, key) extern const char* variable;
+#define ZOL_KEY(variable, key) extern const char* variable;  // NOLINT(bugprone-macro-parentheses)
 namespace zol_conf_consts {
 #include "config/zol_conf_consts.def"
 }  // namespace zol_conf_consts

@@ -1,0 +1,188 @@
+// What the base class of the listeners does by itself.
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "config/zol_configurator.h"
+#include "exec/wd_executor.h"
+#include "failure/zol_failopen.h"
+#include "sup_logger.h"
+#include "tests/support/config_fixture.h"
+#include "tests/support/log_capture.h"
+
+namespace {
+
+using Calls = std::vector<std::string>;
+Calls calls;
+
+class Plain : public zol::IReconfigure {
+ public:
+  void reconfigure() override { calls.push_back("reconfigure"); }
+  bool need_reconf(bool&) override { return true; }
+  void reload_conf() override { calls.push_back("reload_conf"); }
+};
+
+class WithExecutor : public virtual Plain, public zol::WDExecutor {
+ public:
+  bool start() override {
+    calls.push_back("start");
+    return starts;
+  }
+  std::string get_pname() override { return "zol_ha_agent"; }
+  bool stop() override {
+    calls.push_back("stop");
+    return true;
+  }
+  bool starts = true;
+};
+
+class WithFailopen : public virtual Plain, public zol::IFailopen {
+ public:
+  void failopen_notification(bool) override {}
+};
+
+class WithBoth : public WithExecutor, public WithFailopen {};
+
+class Registry : public zol::IFailopenRegistry {
+ public:
+  Registry() { zol::failopen_registry = this; }
+  ~Registry() override { zol::failopen_registry = nullptr; }
+  void add(zol::IFailopen* listener) override {
+    calls.push_back("add");
+    last = listener;
+  }
+  void remove(zol::IFailopen* listener) override {
+    calls.push_back("remove");
+    last = listener;
+  }
+  zol::IFailopen* last = nullptr;
+};
+
+template <typename Listener>
+Calls reload_calls(bool is_running, bool enable) {
+  Listener listener;
+  listener.is_running = is_running;
+  calls.clear();
+  listener.reload(enable);
+  EXPECT_EQ(listener.is_running, enable);
+  return calls;
+}
+
+// Verifies the defaults of a listener.
+TEST(Reconfigure, Defaults) {
+  Plain listener;
+  EXPECT_FALSE(listener.is_running);
+  EXPECT_TRUE(listener.service_name.empty());
+  EXPECT_EQ(listener.last_reconf_ms, 0U);
+  EXPECT_TRUE(listener.service_tag.empty());
+  EXPECT_FALSE(listener.post_pending);
+  EXPECT_TRUE(listener.is_enabled());
+  EXPECT_FALSE(listener.reconf_timer.is_pending());
+  EXPECT_NO_THROW(listener.post_reconfigure());
+}
+
+// Verifies that a service that runs and goes on running is told to re-read its configuration, and no more.
+TEST(Reconfigure, RunningStaysRunning) {
+  Registry registry;
+  EXPECT_EQ(reload_calls<Plain>(true, true), Calls{"reload_conf"});
+  EXPECT_EQ(reload_calls<WithBoth>(true, true), Calls{"reload_conf"});
+}
+
+// Verifies that a service that is switched off leaves the fail-open registry and is stopped, in this order.
+TEST(Reconfigure, RunningStops) {
+  Registry registry;
+  EXPECT_EQ(reload_calls<Plain>(true, false), Calls{});
+  EXPECT_EQ(reload_calls<WithExecutor>(true, false), Calls{"stop"});
+  EXPECT_EQ(reload_calls<WithFailopen>(true, false), Calls{"remove"});
+  EXPECT_EQ(reload_calls<WithBoth>(true, false), (Calls{"remove", "stop"}));
+}
+
+// Verifies that a service that is switched on is started and joins the fail-open registry, in this order.
+TEST(Reconfigure, StoppedStarts) {
+  Registry registry;
+  EXPECT_EQ(reload_calls<Plain>(false, true), Calls{});
+  EXPECT_EQ(reload_calls<WithExecutor>(false, true), Calls{"start"});
+  EXPECT_EQ(reload_calls<WithFailopen>(false, true), Calls{"add"});
+  EXPECT_EQ(reload_calls<WithBoth>(false, true), (Calls{"start", "add"}));
+}
+
+// Verifies that nothing happens to a service that is off and stays off.
+TEST(Reconfigure, StoppedStaysStopped) {
+  Registry registry;
+  EXPECT_EQ(reload_calls<WithBoth>(false, false), Calls{});
+}
+
+// Verifies that the registry is handed the listener itself.
+TEST(Reconfigure, RegistryGetsTheListener) {
+  Registry registry;
+  WithBoth listener;
+  listener.reload(true);
+  EXPECT_EQ(registry.last, static_cast<zol::IFailopen*>(&listener));
+}
+
+// Verifies that a process without a fail-open controller reloads all the same.
+TEST(Reconfigure, NoRegistry) {
+  EXPECT_EQ(reload_calls<WithBoth>(false, true), Calls{"start"});
+  EXPECT_EQ(reload_calls<WithBoth>(true, false), Calls{"stop"});
+}
+
+// Verifies that a failing start is logged at fatal level and thrown in the same words, and that the service
+// doesn't count as running.
+TEST(Reconfigure, FailingStart) {
+  Registry registry;
+  WithBoth listener;
+  listener.starts = false;
+  calls.clear();
+  zol_test::LogCapture log;
+  try {
+    listener.reload(true);
+    FAIL() << "no exception";
+  } catch (const std::runtime_error& failure) {
+    EXPECT_STREQ(failure.what(), "Couldn't run the process: zol_ha_agent");
+  }
+  EXPECT_TRUE(log.contains(log_level::fatal, "Couldn't run the process: zol_ha_agent")) << log.all();
+  EXPECT_FALSE(listener.is_running);
+  EXPECT_EQ(calls, Calls{"start"});
+}
+
+// Verifies that bool_get reads the tree, and throws with the key's name when it is missing.
+TEST(Reconfigure, BoolGet) {
+  zol_test::ScopedConfig config("Group: { on = true; off = false; };");
+  Plain listener;
+  EXPECT_TRUE(listener.bool_get("Group.on"));
+  EXPECT_FALSE(listener.bool_get("Group.off"));
+  try {
+    listener.bool_get("Group.absent");
+    FAIL() << "no exception";
+  } catch (const std::runtime_error& failure) {
+    EXPECT_STREQ(failure.what(), "ERROR couldn't find the parameter of Group.absent");
+  }
+}
+
+// Verifies that the timer's callback reconfigures and then runs the second step.
+TEST(Reconfigure, TimerCallback) {
+  class WithPost : public Plain {
+   public:
+    void post_reconfigure() override { calls.push_back("post"); }
+  } listener;
+  calls.clear();
+  zol::IReconfigure::reconf_cb(-1, 1, static_cast<zol::IReconfigure*>(&listener));
+  EXPECT_EQ(calls, (Calls{"reconfigure", "post"}));
+  EXPECT_EQ(listener.reconf_timer.arg, static_cast<zol::IReconfigure*>(&listener));
+  EXPECT_EQ(listener.reconf_timer.callback, &zol::IReconfigure::reconf_cb);
+  EXPECT_EQ(listener.reconf_timer.fd, -1);
+}
+
+// Verifies that the default reload_conf, which has no endpoint here, reaches nobody and harms nothing.
+TEST(Reconfigure, DefaultReloadConf) {
+  class Bare : public zol::IReconfigure {
+   public:
+    void reconfigure() override {}
+    bool need_reconf(bool&) override { return true; }
+  } listener;
+  EXPECT_NO_THROW(listener.reload_conf());
+}
+
+}  // namespace
