@@ -32,8 +32,8 @@ inline constexpr int trace = 800;
 
 class SupLogger;
 
-// One message: what is streamed in is collected and handed to the category as one record when the object dies.
-// A streamer of a level that is off has no buffer and swallows everything.
+// One message: what is streamed in is collected and handed to the category as one record when the object
+// dies. A streamer of a level that is off has no buffer and swallows everything.
 class SupLoggerStreamer {
  public:
   SupLoggerStreamer(SupLogger* logger, int level);  // a null logger makes a streamer that is off
@@ -92,11 +92,14 @@ class SupLogger {
   std::atomic<int> threshold_;
 };
 
-// `if` with an empty branch first, so that the macro is safe inside an unbraced if-else.
-#define SUP_LOG(logger, level)          \
-  if (!(logger).is_enabled(level)) {    \
-  } else                                \
-    (logger).getStream(level)
+// Makes a message a void expression, so that SUP_LOG is one statement wherever a statement may stand.
+struct SupLogVoidify {
+  void operator&(const SupLoggerStreamer&) const {}
+};
+
+// One message. Its operands are evaluated only when the level is on.
+#define SUP_LOG(logger, level) \
+  !(logger).is_enabled(level) ? static_cast<void>(0) : SupLogVoidify() & (logger).getStream(level)
 
 // Opaque state of the running log.
 struct zol_logging_handle;
@@ -104,6 +107,9 @@ struct zol_logging_handle;
 // Starts logging from the log4cpp properties file that the configuration key names. Without the key or the
 // file, logging goes to standard error at info level, and one line says so. The file's folder is watched with
 // inotify from here on; the watch is looked at when the loop runs, see zol_logging_watch_on. Never null.
+//
+// The levels in the file are log4cpp's words and TRACE. A log file that can't be opened makes the file a
+// broken one.
 zol_logging_handle* zol_logging_init_and_watch(const char* key);
 // Puts the watch on a loop: a change of the file re-reads it. Call once the base stands.
 void zol_logging_watch_on(zol_logging_handle* handle, event_base* base);

@@ -1,10 +1,15 @@
 // The dynamic value in which reports and events are built, and its JSON form.
 //
-// A value is null, a bool, a signed or unsigned 64-bit number, a double, a string, a list or a map. It owns what
-// it holds; copying copies deep, moving is cheap and leaves null. Maps keep one value for each key; key order
-// carries no meaning.
+// A value is null, a bool, a signed or unsigned 64-bit number, a double, a string, a list or a map. It owns
+// what it holds; copying copies deep, moving is cheap and leaves null. Maps keep one value for each key; key
+// order carries no meaning.
 //
 // Reads that don't fit the kind of the value give the empty result of their type and never throw.
+//
+// Values wait in memory by the hundred thousand, so they are small: 16 bytes for a value, with a text of up
+// to 8 bytes in place, and 24 for an entry of a map, whose literal keys cost nothing more. Look-up in a map
+// is linear while it is small and logarithmic beyond. A reference to a value in a map or list is good until
+// the next value is added to or taken from that map or list.
 #pragma once
 
 #include <concepts>
@@ -18,10 +23,11 @@
 
 namespace libvariant {
 
-class VariantMap;  // the storage of a map, in variant.cpp's own form
+class VariantMap;  // the storage of a map
+class MapEntry;
 
-// A key written in the code. Only a constant expression makes one, so the text outlives every map and is never
-// copied.
+// A key written in the code. Only a constant expression makes one, so the text outlives every map and is
+// never copied.
 class LiteralKey {
  public:
   consteval LiteralKey(const char* text) : text_(text) {}  // NOLINT(google-explicit-constructor)
@@ -31,28 +37,33 @@ class LiteralKey {
   std::string_view text_;
 };
 
+template <typename T>
+concept UnsignedNumber = std::unsigned_integral<T> && !std::same_as<T, bool>;
+
 class Variant {
  public:
   enum class Kind : std::uint8_t { Null, Bool, Signed, Unsigned, Double, String, List, Map };
   using List = std::vector<Variant>;
 
   Variant() noexcept = default;
-  Variant(bool value) noexcept;  // NOLINT(google-explicit-constructor): values convert by design
+  template <std::same_as<bool> T>  // bool alone, since any pointer would convert to it
+  Variant(T value) noexcept : Variant(BoolTag{}, value) {}  // NOLINT: values convert by design
   template <std::signed_integral T>
   Variant(T value) noexcept : Variant(SignedTag{}, static_cast<std::int64_t>(value)) {}  // NOLINT
-  template <std::unsigned_integral T>
-    requires(!std::same_as<T, bool>)
+  template <UnsignedNumber T>
   Variant(T value) noexcept : Variant(UnsignedTag{}, static_cast<std::uint64_t>(value)) {}  // NOLINT
-  Variant(double value) noexcept;           // NOLINT
-  Variant(const char* value);               // NOLINT
-  Variant(std::string value);               // NOLINT
+  template <std::floating_point T>
+  Variant(T value) noexcept : Variant(DoubleTag{}, static_cast<double>(value)) {}  // NOLINT
+  Variant(const char* value);         // NOLINT: null is an empty string
+  Variant(const std::string& value);  // NOLINT
+  Variant(std::string_view value);    // NOLINT
   Variant(const Variant& other);
   Variant(Variant&& other) noexcept;
   Variant& operator=(const Variant& other);
   Variant& operator=(Variant&& other) noexcept;
   ~Variant();
 
-  static Variant make_map();
+  static Variant make_map(std::size_t expected_keys = 0);
   static Variant make_list();
 
   Kind kind() const { return kind_; }
@@ -66,15 +77,15 @@ class Variant {
   // A list, map or string becomes empty and keeps its kind; everything else becomes null.
   void Clear();
 
-  // --- map: a null value becomes a map first; on another kind they do nothing (At gives a shared null) --------
-  // Sets the value of a key, replacing what is there. Returns the stored value.
-  Variant& Assign(LiteralKey key, Variant value);
+  // --- map: a null value becomes a map first; on another kind they do nothing (and give a shared null)
+  // -------- Sets the value of a key, replacing what is there. Returns the stored value.
+  Variant& Assign(LiteralKey key, Variant value) { return put(key.text(), true, true, std::move(value)); }
   template <std::same_as<std::string> S>
   Variant& Assign(const S& key, Variant value) {
     return assign_copied(key, std::move(value));
   }
   // The same, unless the key is there already; returns what is stored.
-  Variant& Set(LiteralKey key, Variant value);
+  Variant& Set(LiteralKey key, Variant value) { return put(key.text(), true, false, std::move(value)); }
   template <std::same_as<std::string> S>
   Variant& Set(const S& key, Variant value) {
     return set_copied(key, std::move(value));
@@ -91,58 +102,89 @@ class Variant {
   // Calls visit(std::string_view key, const Variant& value) for each entry.
   template <typename Visitor>
   void ForEach(Visitor visit) const {
-    for (std::size_t i = 0; i < map_size(); ++i) {
+    for (std::size_t i = 0, size = map_size(); i < size; ++i) {
       const auto entry = map_entry(i);
       visit(entry.first, *entry.second);
     }
   }
 
-  // --- list: a null value becomes a list first; on another kind Append does nothing ---------------------------
+  // --- list: a null value becomes a list first; on another kind Append does nothing
+  // ---------------------------
   Variant& Append(Variant value);
   const List& AsList() const;  // an empty list for other kinds
   List* MutableList();         // null for other kinds
 
-  // --- scalars: a number converts to the other number types, cut to their range -------------------------------
+  // --- scalars: a number converts to the other number types, cut to their range
+  // -------------------------------
   bool AsBool() const;
   std::int64_t AsInt() const;
   std::uint64_t AsUnsigned() const;
   double AsDouble() const;
-  const std::string& AsString() const;  // empty for other kinds
+  std::string AsString() const;           // empty for other kinds
+  std::string_view AsStringView() const;  // the same, good while the value stays as it is
 
   // Equal kinds and contents; the number kinds compare by value.
   friend bool operator==(const Variant& a, const Variant& b);
 
  private:
+  friend class MapEntry;
+  friend struct VariantAccess;
+
+  struct BoolTag {};
+  struct DoubleTag {};
   struct SignedTag {};
   struct UnsignedTag {};
+  Variant(BoolTag, bool value) noexcept;
+  Variant(DoubleTag, double value) noexcept;
   Variant(SignedTag, std::int64_t value) noexcept;
   Variant(UnsignedTag, std::uint64_t value) noexcept;
 
-  Variant& assign_copied(std::string_view key, Variant value);
-  Variant& set_copied(std::string_view key, Variant value);
+  bool become_map();
+  Variant& put(std::string_view key, bool literal, bool replace, Variant value);
+  Variant& assign_copied(std::string_view key, Variant value) {
+    return put(key, false, true, std::move(value));
+  }
+  Variant& set_copied(std::string_view key, Variant value) {
+    return put(key, false, false, std::move(value));
+  }
   std::size_t map_size() const;
   std::pair<std::string_view, const Variant*> map_entry(std::size_t index) const;
+
+  void hold_text(std::string_view text);
+  std::string_view text() const;
+  void copy_content(const Variant& other);
+  void take_content(Variant& other) noexcept;
+  void release() noexcept;
+
+  static constexpr std::uint8_t text_on_heap = 0xff;
 
   union Payload {
     bool boolean;
     std::int64_t number;
     std::uint64_t natural;
     double real;
-    std::string* string;
+    char short_text[8];
+    char* long_text;  // a 32-bit size, then the bytes
     List* list;
     VariantMap* map;
   };
   Payload payload_ = {.natural = 0};
   Kind kind_ = Kind::Null;
+  std::uint8_t text_size_ = 0;  // of a short text, or text_on_heap
+  std::uint32_t key_size_ = 0;  // of the key when this is the value of a map's entry; no part of the value
 };
+static_assert(sizeof(Variant) == 16);
 
-// JSON text of a value. Parameters is a map with "pretty" (bool, false when missing: four blanks a level, a line
-// feed a member) and "precision" (significant digits of a double, 17 when missing). A double that is not finite
-// is written as 0. Bytes that are no UTF-8 are written as U+FFFD.
+// JSON text of a value. Parameters is a map with "pretty" (bool, false when missing: four blanks a level, a
+// line feed a member) and "precision" (significant digits of a double, 1 to 17, 17 when missing). A double
+// that is not finite is written as 0. Bytes that are no UTF-8 are written as U+FFFD, one for each part that
+// can't belong to a character.
 std::string Serialize(const Variant& value, const Variant& parameters);
 
-// The value of a JSON text (RFC 8259). Text that is no JSON, or nests deeper than 256, logs one error with the
-// offset and gives a null value. Of equal keys the last wins.
+// The value of a JSON text (RFC 8259). Text that is no JSON, or nests deeper than 256, logs one error with
+// the offset under the category "Variant" and gives a null value; the text itself isn't logged. Of equal keys
+// the last wins. A whole number is kept as signed or unsigned 64 bits, one beyond that and any other as a
+// double.
 Variant Deserialize(std::string_view text);
 
 }  // namespace libvariant
