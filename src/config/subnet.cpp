@@ -51,7 +51,8 @@ Subnet::Subnet(const std::string& text) {
     throw std::runtime_error("bad subnet format1: " + text);
   in_addr ip{};
   inet_aton(address.c_str(), &ip);
-  prefix = slash == std::string::npos ? address_bits : parse_length(text, text.substr(slash + 1), ip.s_addr == 0);
+  prefix =
+      slash == std::string::npos ? address_bits : parse_length(text, text.substr(slash + 1), ip.s_addr == 0);
   init(ip.s_addr);
 }
 
@@ -83,7 +84,8 @@ bool Subnet::is_ip_in_range(const std::string& ip) const {
   in_addr address{};
   if (inet_aton(ip.c_str(), &address) != 0)
     return is_ip_in_range(address);
-  SUP_LOG(logger(), log_level::error) << "is_ip_in_range" << ": bad address" << ip;
+  SUP_LOG(logger(), log_level::error) << "is_ip_in_range"
+                                      << ": bad address" << ip;
   return false;
 }
 

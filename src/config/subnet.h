@@ -14,18 +14,19 @@ namespace zol {
 struct Subnet {
   // An unset subnet.
   Subnet() = default;
-  // "address/length", or an address alone, which is a /32; the empty text is an unset subnet. Host bits may be set.
-  // Throws std::runtime_error: "bad subnet format1: " and the text for a bad address, "bad subnet format2: " for a
-  // length outside 0 to 32, "bad subnet format3: " for length 0 with another address than 0.0.0.0.
+  // "address/length", or an address alone, which is a /32; the empty text is an unset subnet. Host bits may
+  // be set. Throws std::runtime_error: "bad subnet format1: " and the text for a bad address, "bad subnet
+  // format2: " for a length outside 0 to 32, "bad subnet format3: " for length 0 with another address than
+  // 0.0.0.0.
   explicit Subnet(const std::string& text);
-  // The subnet of that length around an address in network order. Throws std::runtime_error on a length outside 0 to
-  // 32: "bad subnet prefix: " and the number.
+  // The subnet of that length around an address in network order. Throws std::runtime_error on a length
+  // outside 0 to 32: "bad subnet prefix: " and the number.
   Subnet(unsigned int ip, int length);
   // The three members as they are.
   Subnet(unsigned int first_ip, unsigned int last_ip, int length);
 
-  // Both ends are in the range. The address in network order; text that is no address is logged at error level and
-  // in no range.
+  // Both ends are in the range. The address in network order; text that is no address is logged at error
+  // level and in no range.
   bool is_ip_in_range(unsigned int ip) const;
   bool is_ip_in_range(const in_addr& ip) const { return is_ip_in_range(ip.s_addr); }
   bool is_ip_in_range(const std::string& ip) const;
@@ -59,8 +60,8 @@ class SubnetMap {
   // Takes the place of a subnet with the same length and first address. Lengths 1 to 32; another one throws
   // std::runtime_error: "bad subnet prefix: " and the number.
   virtual void add_subnet(const Subnet& subnet);
-  // The longest subnet that holds the address, given in network order; null when none does. The pointer is good
-  // until that subnet is replaced or the map is cleared.
+  // The longest subnet that holds the address, given in network order; null when none does. The pointer is
+  // good until that subnet is replaced or the map is cleared.
   const Subnet* find(unsigned int ip) const;
   void clear();
 

@@ -71,7 +71,7 @@ class TreeSettings : public zol_utils::ISettings {
   template <typename T>
   static bool read(const char* key, T& value) {
     try {
-      // Asked first, since libconfig finds a missing key out by an exception, and some are asked for at each message.
+      // Asked first: libconfig finds a missing key out by an exception, and some are read at each message.
       const libconfig::Config& config = TheConfigurator::get_configuration()->config;
       return config.exists(key) && config.lookupValue(key, value);
     } catch (const std::exception&) {

@@ -92,8 +92,9 @@ void ZOLNetworks::read_configuration() {
   merge_hop_map_info(internal, external);
   if (internal == traffic_out_internal_ip && external == traffic_out_external_ip)
     return;
-  SUP_LOG(logger(), log_level::notice) << "read_configuration" << ": Saving outgoing interface ips " << internal
-                                       << " -> " << external;
+  SUP_LOG(logger(), log_level::notice)
+      << "read_configuration"
+      << ": Saving outgoing interface ips " << internal << " -> " << external;
   traffic_out_internal_ip = internal;
   traffic_out_external_ip = external;
 }

@@ -38,8 +38,8 @@ class ZOLNetworks : public IReconfigure {
   ZOLNetworks();
   ~ZOLNetworks() override;
 
-  // A row that lacks a member is logged at error level and left out (without `interface` it stays, with an empty
-  // one). The last row that isn't private gives the pair through which traffic goes out.
+  // A row that lacks a member is logged at error level and left out (without `interface` it stays, with an
+  // empty one). The last row that isn't private gives the pair through which traffic goes out.
   void read_configuration();
   void reconfigure() override { read_configuration(); }
   bool need_reconf(bool& enabled) override;

@@ -1,0 +1,16 @@
+// Settings that are read for each session.
+#pragma once
+
+#include "config/zol_configurator.h"
+
+namespace zol_monitor {
+
+// False, and `value` stays, when the key is missing. Asked first whether it exists, since libconfig finds a
+// missing key out by an exception, which costs more than the rest of a session's end.
+template <typename T>
+bool lookup_setting(const char* key, T& value) {
+  const libconfig::Config& config = zol::TheConfigurator::get_configuration()->config;
+  return config.exists(key) && config.lookupValue(key, value);
+}
+
+}  // namespace zol_monitor

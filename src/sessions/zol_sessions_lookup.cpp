@@ -1,0 +1,99 @@
+// Finding the session behind a key, a tracked connection or a message.
+#include <array>
+
+#include "conntrack/nfconntrack.h"
+#include "sessions/sessions_log.h"
+#include "sessions/zol_sessions.h"
+
+namespace zol_monitor {
+
+namespace {
+
+void log_look_up(const char* outcome, std::uint64_t key, const LegMap& map) {
+  const auto address = static_cast<std::uint32_t>(key >> 32);
+  const auto port = static_cast<std::uint16_t>(key);
+  SUP_LOG(sessions_logger(), log_level::trace)
+      << "get" << outcome << "0x" << std::hex << key << std::dec << " address: " << log_peer(address, port)
+      << " map: " << static_cast<const void*>(&map);
+}
+
+// One end of a tracked connection.
+struct Peer {
+  std::uint32_t address;
+  std::uint16_t port;
+};
+
+}  // namespace
+
+SessionPtr ZOLSessions::get(std::uint64_t key, LegMap& map, LegMap::iterator* node) {
+  const auto found = map.find(key);
+  if (node != nullptr)
+    *node = found;
+  if (found == map.end()) {
+    log_look_up(": Couldn't get ", key, map);
+    return nullptr;
+  }
+  log_look_up(": Got ", key, map);
+  return found->second;
+}
+
+SessionPtr ZOLSessions::get(std::uint32_t address, std::uint16_t port, LegMap& map, LegMap::iterator* node) {
+  if (address == 0 || port == 0)
+    return nullptr;
+  return get(leg_key(address, port), map, node);
+}
+
+SessionPtr ZOLSessions::get_outbound(std::uint32_t first_address, std::uint16_t first_port,
+                                     std::uint32_t second_address, std::uint16_t second_port,
+                                     LegPlace* place) {
+  if (first_address == 0 || first_port == 0 || second_address == 0 || second_port == 0)
+    return nullptr;
+  const auto outer = out_sessions.find(leg_key(first_address, first_port));
+  if (outer == out_sessions.end())
+    return nullptr;
+  LegMap::iterator node;
+  SessionPtr session = get(second_address, second_port, outer->second, &node);
+  if (session && place != nullptr)
+    *place = {&session->out_info, &outer->second, node, outer};
+  return session;
+}
+
+SessionPtr ZOLSessions::get(const nf_conntrack* ct, LegPlace* place) {
+  const Peer source = {nfconntrack_get_orig_src(ct), nfconntrack_get_orig_port(ct)};
+  const Peer target = {nfconntrack_get_dst(ct), nfconntrack_get_dst_port(ct)};
+  for (const Peer& peer : {source, target}) {
+    LegMap::iterator node;
+    if (SessionPtr session = get(peer.address, peer.port, in_sessions, &node)) {
+      if (place != nullptr)
+        *place = {&session->in_info, &in_sessions, node, {}};
+      return session;
+    }
+  }
+  const std::array<std::array<Peer, 2>, 4> pairs = {
+      {{target, target}, {target, source}, {source, target}, {source, source}}};
+  for (const auto& [first, second] : pairs) {
+    if (SessionPtr session = get_outbound(first.address, first.port, second.address, second.port, place))
+      return session;
+  }
+  return nullptr;
+}
+
+SessionPtr ZOLSessions::get(std::uint32_t address1, std::uint16_t port1, std::uint32_t address2,
+                            std::uint16_t port2, const unsigned char* uuid) {
+  SessionPtr session = get(address1, port1, in_sessions);
+  if (!session)
+    session = get_outbound(address1, port1, address2, port2);
+  if (session && uuid_compare(session->session_id, uuid) == 0)
+    return session;
+  if (session)
+    SUP_LOG(sessions_logger(), log_level::notice)
+        << "Duplicate keys found: [" << log_peer(address1, port1) << "]";
+  const auto listed = sessions_by_id.find(SessionId(uuid));
+  return listed == sessions_by_id.end() ? nullptr : listed->second;
+}
+
+SessionPtr ZOLSessions::get(const unsigned char* uuid) {
+  return get(0, 0, 0, 0, uuid);
+}
+
+}  // namespace zol_monitor
