@@ -1,12 +1,13 @@
 // What the daemon reads of a tracked connection, and the layout of the connection mark.
 //
-// Every accessor of an address or a port sees the connection in the session's direction: when the mark says that
-// the connection is reversed, source and destination change places. Addresses are IPv4 in network byte order, 0
-// for anything but AF_INET; ports are in host byte order. A null connection is not allowed.
+// Every accessor of an address or a port sees the connection in the session's direction: when the mark says
+// that the connection is reversed, source and destination change places. Addresses are IPv4 in network byte
+// order, 0 for anything but AF_INET; ports are in host byte order. A null connection is not allowed.
 #pragma once
 
 #include <cstdint>
-#include <string>
+
+#include "conntrack/conntrack_str.h"
 
 struct nf_conntrack;
 
@@ -14,19 +15,25 @@ namespace zol_monitor {
 
 // The connection mark, as the node's firewall rules set it.
 namespace conntrack_mark {
-inline constexpr std::uint32_t fin_received = 0x1000000;   // by this node
-inline constexpr std::uint32_t rst_received = 0x2000000;   // by this node
-inline constexpr std::uint32_t rst_sent = 0x4000000;       // by this node
-inline constexpr std::uint32_t reversed = 0x80;            // bit 7
+inline constexpr std::uint32_t fin_received = 0x1000000;  // by this node
+inline constexpr std::uint32_t rst_received = 0x2000000;  // by this node
+inline constexpr std::uint32_t rst_sent = 0x4000000;      // by this node
+inline constexpr std::uint32_t reversed = 0x80;           // bit 7
 
-inline constexpr std::uint8_t service_id(std::uint32_t mark) { return (mark >> 8) & 0xff; }
-inline constexpr std::uint8_t link_byte(std::uint32_t mark) { return (mark >> 16) & 0xff; }
+inline constexpr std::uint8_t service_id(std::uint32_t mark) {
+  return (mark >> 8) & 0xff;
+}
+inline constexpr std::uint8_t link_byte(std::uint32_t mark) {
+  return (mark >> 16) & 0xff;
+}
 // Bits 4 to 7 with a service id, bits 0 to 3 without.
 inline constexpr std::uint32_t io_nibble(std::uint32_t mark) {
   return service_id(mark) != 0 ? (mark >> 4) & 0xf : mark & 0xf;
 }
 // Bit 3 of the nibble: the kernel's original direction runs against the session's.
-inline constexpr bool is_io_reversed(std::uint32_t mark) { return (io_nibble(mark) & 8) != 0; }
+inline constexpr bool is_io_reversed(std::uint32_t mark) {
+  return (io_nibble(mark) & 8) != 0;
+}
 // The nibble as if the connection ran in the session's direction: bit 0 In, bit 1 Out; bit 3 is always 0.
 inline constexpr std::uint32_t normalised_nibble(std::uint32_t mark) {
   const std::uint32_t nibble = io_nibble(mark);
@@ -58,8 +65,5 @@ std::uint16_t nfconntrack_get_orig_port(const nf_conntrack* ct);
 std::uint32_t nfconntrack_get_dst(const nf_conntrack* ct);
 std::uint16_t nfconntrack_get_dst_port(const nf_conntrack* ct);
 std::uint32_t nfconntrack_get_id(const nf_conntrack* ct);
-
-// For logs: "[IN] " or "[OUT] ", then source:port->destination:port, addresses masked as configured.
-std::string ct_ntoa_s(const nf_conntrack* ct);
 
 }  // namespace zol_monitor

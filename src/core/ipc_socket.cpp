@@ -28,8 +28,7 @@ void copy_name(char (&field)[ipc_name_size], const std::string& name) {
 
 }  // namespace
 
-IPCSocket::IPCSocket() : event(EV_READ, msg_check_cb, this) {
-}
+IPCSocket::IPCSocket() : event(EV_READ, msg_check_cb, this) {}
 
 IPCSocket::~IPCSocket() = default;
 

@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include "core/monitor.h"
 #include "shared_object.h"
@@ -22,7 +23,7 @@ SupLogger& logger() {
 
 // The text of a fixed field, whether the sender terminated it or not.
 template <std::size_t Size>
-std::string field_text(const char (&field)[Size]) {
+std::string_view field_text(const char (&field)[Size]) {
   return {field, strnlen(field, Size)};
 }
 

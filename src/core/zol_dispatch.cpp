@@ -14,8 +14,7 @@ int IDispatch::descriptor = -1;
 std::string IDispatch::path;
 
 IDispatch::IDispatch(const std::string& source_name, const std::string& destination_name)
-    : source(source_name), destination(destination_name) {
-}
+    : source(source_name), destination(destination_name) {}
 
 void IDispatch::setup(int fd, std::string direct_path) {
   descriptor = fd;

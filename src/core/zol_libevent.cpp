@@ -71,8 +71,7 @@ ZOLEventConnListener* ZOLEventBase::alloc_conn_listener(unsigned ip, unsigned sh
 }
 
 ZOLEventLibEvent::ZOLEventLibEvent(short event_flags, event_callback event_cb, void* callback_arg)
-    : flags(event_flags), ev{}, callback(event_cb), arg(callback_arg) {
-}
+    : flags(event_flags), ev{}, callback(event_cb), arg(callback_arg) {}
 
 ZOLEventLibEvent::~ZOLEventLibEvent() {
   del(false);
@@ -145,8 +144,7 @@ bool ZOLEventLibEvent::internal_add(int fd, timeval* timeout, int priority) {
 }
 
 ZOLEventLibEventTimer::ZOLEventLibEventTimer(event_callback event_cb, void* callback_arg, int timer_fd)
-    : ZOLEventLibEvent(EV_TIMEOUT, event_cb, callback_arg), fd(timer_fd) {
-}
+    : ZOLEventLibEvent(EV_TIMEOUT, event_cb, callback_arg), fd(timer_fd) {}
 
 ZOLEventLibEventTimer::~ZOLEventLibEventTimer() = default;
 
@@ -157,14 +155,12 @@ bool ZOLEventLibEventTimer::charge(unsigned ms) {
 }
 
 ZOLEventLibEventPersistTimer::ZOLEventLibEventPersistTimer(event_callback event_cb, void* callback_arg)
-    : ZOLEventLibEvent(EV_TIMEOUT | EV_PERSIST, event_cb, callback_arg) {
-}
+    : ZOLEventLibEvent(EV_TIMEOUT | EV_PERSIST, event_cb, callback_arg) {}
 
 ZOLEventLibEventPersistTimer::~ZOLEventLibEventPersistTimer() = default;
 
 ZOLEventLibEventSignal::ZOLEventLibEventSignal(int signal, event_callback event_cb, void* callback_arg)
-    : ZOLEventLibEvent(EV_SIGNAL | EV_PERSIST, event_cb, callback_arg), fd(signal) {
-}
+    : ZOLEventLibEvent(EV_SIGNAL | EV_PERSIST, event_cb, callback_arg), fd(signal) {}
 
 ZOLEventLibEventSignal::~ZOLEventLibEventSignal() = default;
 

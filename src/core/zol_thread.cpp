@@ -20,8 +20,7 @@ SupLogger& logger() {
 }  // namespace
 
 Thread::Thread(const std::string& thread_name, thread_body function, void* body_arg)
-    : name(thread_name), body(function), arg(body_arg) {
-}
+    : name(thread_name), body(function), arg(body_arg) {}
 
 int Thread::start(void* configuration) {
   running = true;

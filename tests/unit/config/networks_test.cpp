@@ -38,13 +38,15 @@ std::string possible(const std::string& addresses) {
 std::string hop(const std::string& mode, const std::string& floating, const std::string& more = "") {
   return "General: { hop_id = \"hop-1\"; };\nHopData: { hops = ( { hop_id = \"hop-1\"; ha_mode = \"" + mode +
          "\"; floating_ips = ( " + floating +
-         " ); is_ucpe = true; routing_id = 11; zol_ips = ( \"10.0.0.1\" ); }, { hop_id = \"hop-2\"; routing_id = 22; "
+         " ); is_ucpe = true; routing_id = 11; zol_ips = ( \"10.0.0.1\" ); }, { hop_id = \"hop-2\"; "
+         "routing_id = 22; "
          "zol_ips = ( \"10.9.0.2\", \"203.0.113.2\" ); } ); " +
          more + " };\n";
 }
 
 const std::string cluster =
-    "clusters = ( { internal_site_id = \"s\"; virtual_router_id = 1; hops = ( { hop_id = \"hop-1\"; priority = 1; } ); } );";
+    "clusters = ( { internal_site_id = \"s\"; virtual_router_id = 1; hops = ( { hop_id = \"hop-1\"; priority "
+    "= 1; } ); } );";
 
 struct Node {
   explicit Node(const std::string& text) : config(text) {}
@@ -113,13 +115,16 @@ TEST(ZOLNetworks, NeedReconf) {
 // Verifies that a row without external_ip or is_private is logged and left out.
 TEST(ZOLNetworks, IncompleteRowIsLeftOut) {
   zol_test::LogCapture log;
-  const Node node(interfaces("{ interface = \"1.1.1.1\"; is_private = false; }, "
-                             "{ interface = \"2.2.2.2\"; external_ip = \"3.3.3.3\"; }, " +
-                             outside));
+  const Node node(
+      interfaces("{ interface = \"1.1.1.1\"; is_private = false; }, "
+                 "{ interface = \"2.2.2.2\"; external_ip = \"3.3.3.3\"; }, " +
+                 outside));
   ASSERT_EQ(node.networks.interfaces.size(), 1u);
   EXPECT_EQ(node.networks.my_ips, (Addresses{"172.16.0.1", "198.51.100.1"}));
-  EXPECT_TRUE(log.contains(log_level::error, "Key Networking.interfaces.[0] is missing external_ip")) << log.all();
-  EXPECT_TRUE(log.contains(log_level::error, "Key Networking.interfaces.[1] is missing is_private")) << log.all();
+  EXPECT_TRUE(log.contains(log_level::error, "Key Networking.interfaces.[0] is missing external_ip"))
+      << log.all();
+  EXPECT_TRUE(log.contains(log_level::error, "Key Networking.interfaces.[1] is missing is_private"))
+      << log.all();
 }
 
 // Verifies that a row without interface is logged and stays, with an empty one.
@@ -129,7 +134,8 @@ TEST(ZOLNetworks, RowWithoutInterfaceStays) {
   ASSERT_EQ(node.networks.interfaces.size(), 1u);
   EXPECT_EQ(node.networks.interfaces[0].interface, "");
   EXPECT_EQ(node.networks.get_traffic_out_external_ip(), "3.3.3.3");
-  EXPECT_TRUE(log.contains(log_level::error, "Key Networking.interfaces.[0] is missing interface")) << log.all();
+  EXPECT_TRUE(log.contains(log_level::error, "Key Networking.interfaces.[0] is missing interface"))
+      << log.all();
 }
 
 // Verifies that a possible floating address that is no text is logged and left out.
