@@ -1,6 +1,6 @@
-// A storm of marked connections, created and then destroyed as fast as libnetfilter_conntrack can, in a network
-// namespace of its own, heard by the daemon's reader and, in a second storm, by `conntrack -E` with the same buffer.
-// Says how many events each lost. Needs root.
+// A storm of marked connections, created and then destroyed as fast as libnetfilter_conntrack can, in a
+// network namespace of its own, heard by the daemon's reader and, in a second storm, by `conntrack -E` with
+// the same buffer. Says how many events each lost. Needs root.
 #include <arpa/inet.h>
 #include <event2/event.h>
 #include <fcntl.h>
@@ -62,8 +62,8 @@ bool query(nfct_handle* handle, nf_conntrack_query what, std::uint32_t n) {
   for (std::uint32_t n = 0; handle != nullptr && n < connections; ++n)
     failures += query(handle, NFCT_Q_DESTROY, n) ? 0 : 1;
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-  std::printf("storm: %u connections created and destroyed in %.2f s, %u failures\n", connections, took.count(),
-              failures);
+  std::printf("storm: %u connections created and destroyed in %.2f s, %u failures\n", connections,
+              took.count(), failures);
   std::fflush(stdout);
   _exit(failures == 0 ? 0 : 1);
 }

@@ -1,5 +1,5 @@
-// Identification records through the dispatcher: new sessions into an empty table and into one of 100,000, and
-// records that only refine a session of the table.
+// Identification records through the dispatcher: new sessions into an empty table and into one of 100,000,
+// and records that only refine a session of the table.
 #include <benchmark/benchmark.h>
 
 #include <vector>

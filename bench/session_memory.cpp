@@ -37,7 +37,8 @@ int main() {
   const double each = (after - before) * 1024.0 / sessions;
   const auto msg = zol_bench::identification(0, false);
   const auto strings = std::strlen(msg.domain_name) + std::strlen(msg.user_agent);
-  std::printf("%u sessions: %ld kB before, %ld kB after, %.0f bytes each, %.0f beyond the text of its strings\n",
-              sessions, before, after, each, each - static_cast<double>(strings));
+  std::printf(
+      "%u sessions: %ld kB before, %ld kB after, %.0f bytes each, %.0f beyond the text of its strings\n",
+      sessions, before, after, each, each - static_cast<double>(strings));
   return monitor.sessions.sessions_by_id.size() == sessions ? 0 : 1;
 }

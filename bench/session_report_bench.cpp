@@ -1,4 +1,5 @@
-// A session report of 100,000 sessions: from finished sessions to records, the text, its token, its gzip form.
+// A session report of 100,000 sessions: from finished sessions to records, the text, its token, its gzip
+// form.
 #include <benchmark/benchmark.h>
 
 #include <memory>

@@ -10,8 +10,10 @@
 #include "core/zol_libevent.h"
 #include "dual_zol_helper.h"
 #include "fuzz/fuzz_config.h"
+#include "fuzz/quiet_log.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  zol_fuzz::quiet_log();
   zol_utils::shared_mem_enabled = false;
   const std::string text(reinterpret_cast<const char*>(data), size);
   if (text.find("@include") != std::string::npos)

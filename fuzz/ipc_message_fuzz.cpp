@@ -1,11 +1,13 @@
-// A sequence of IPC messages, each with its 16-bit length (little-endian) before it, through the dispatcher into
-// the session table.
+// A sequence of IPC messages, each with its 16-bit length (little-endian) before it, through the dispatcher
+// into the session table.
 #include <cstdint>
 #include <vector>
 
 #include "fuzz/fuzz_monitor.h"
+#include "fuzz/quiet_log.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  zol_fuzz::quiet_log();
   zol_test::BareMonitor& monitor = zol_fuzz::monitor();
   zol_fuzz::forget_sessions();
   while (size >= 2) {

@@ -78,7 +78,7 @@ class Variant {
   void Clear();
 
   // --- map: a null value becomes a map first; on another kind they do nothing (and give a shared null)
-  // -------- Sets the value of a key, replacing what is there. Returns the stored value.
+  // Sets the value of a key, replacing what is there. Returns the stored value.
   Variant& Assign(LiteralKey key, Variant value) { return put(key.text(), true, true, std::move(value)); }
   template <std::same_as<std::string> S>
   Variant& Assign(const S& key, Variant value) {
@@ -109,13 +109,11 @@ class Variant {
   }
 
   // --- list: a null value becomes a list first; on another kind Append does nothing
-  // ---------------------------
   Variant& Append(Variant value);
   const List& AsList() const;  // an empty list for other kinds
   List* MutableList();         // null for other kinds
 
   // --- scalars: a number converts to the other number types, cut to their range
-  // -------------------------------
   bool AsBool() const;
   std::int64_t AsInt() const;
   std::uint64_t AsUnsigned() const;

@@ -13,9 +13,9 @@ class Crypto {
   Crypto() = default;
   virtual ~Crypto() = default;
 
-  // The plain secret of a configured one: base64 of a 12-byte nonce, the AES-256-GCM ciphertext and its 16-byte
-  // tag (NIST SP 800-38D). The key is the 32 bytes of the file "zol.key" in the working directory. Empty means
-  // failure; the reason is logged, the secret never.
+  // The plain secret of a configured one: base64 of a 12-byte nonce, the AES-256-GCM ciphertext and its
+  // 16-byte tag (NIST SP 800-38D). The key is the 32 bytes of the file "zol.key" in the working directory.
+  // Empty means failure; the reason is logged, the secret never.
   std::string decrypt(const std::string& enciphered) const;
 
   // The keyed digest of `message` (RFC 2104 with SHA-256) as 64 lower-case hexadecimal characters. False, and

@@ -16,7 +16,7 @@ namespace zol {
 
 class Helper {
  public:
-  // --- clocks ----------------------------------------------------------------------------------------------
+  // --- clocks ---
 
   // Wall clock, milliseconds since the epoch.
   static std::uint64_t get_timestamp_ms();
@@ -29,14 +29,14 @@ class Helper {
   // Whole milliseconds; the rest is dropped.
   static unsigned convert_us_to_ms(unsigned us);
 
-  // --- time stamps: ISO 8601 in UTC, "2026-11-21T08:02:03Z" and "2026-11-21T08:02:03.123Z" -----------------
+  // --- time stamps: ISO 8601 in UTC, "2026-11-21T08:02:03Z" and "2026-11-21T08:02:03.123Z" ---
 
   static std::string get_timestamp_gmt_format();
   static std::string get_timestamp_gmt_format(const long* seconds);
   static std::string get_timestamp_gmt_format_ms();
   static std::string get_timestamp_gmt_format_ms(std::uint64_t milliseconds);
 
-  // --- addresses -------------------------------------------------------------------------------------------
+  // --- addresses ---
 
   // A dotted IPv4 address with four parts, and nothing else.
   static bool is_valid_ip_address(const std::string& text);
@@ -57,7 +57,7 @@ class Helper {
   static bool lookup_device_ipv4(const std::string& device, std::string& address);
   static bool lookup_device_ipv4(const std::string& device, in_addr& address);
 
-  // --- the node's role, from its configuration -------------------------------------------------------------
+  // --- the node's role, from its configuration ---
 
   static bool is_middle_mile_network();  // MiddleMileNetwork.enabled
   static bool is_kpa();                  // General.kpa_id is set and General.zol_id is not
@@ -67,7 +67,7 @@ class Helper {
   static std::string get_my_id(bool kpa);
   static std::string get_external_ip(bool kpa);
 
-  // --- commands, through /bin/sh -c; each blocks until the command ends ------------------------------------
+  // --- commands, through /bin/sh -c; each blocks until the command ends ---
 
   // No descriptor is handed down, and no ignored or blocked signal.
 
@@ -77,7 +77,7 @@ class Helper {
   // error together go to `output`.
   static int run_cmd_stderr(const std::string& command, std::string& output);
 
-  // --- the rest --------------------------------------------------------------------------------------------
+  // --- the rest ---
 
   // One gzip member (RFC 1952) by libdeflate; levels 1 to 12. The caller frees `*out` with delete[]. False,
   // with an error line and null in `*out`, for another level or without memory.

@@ -69,7 +69,6 @@ bool equal_numbers(const Variant& a, const Variant& b) {
 }  // namespace
 
 // --- making, copying, moving
-// -----------------------------------------------------------------------------------
 
 Variant::Variant(BoolTag, bool value) noexcept : kind_(Kind::Bool) {
   payload_.boolean = value;
@@ -177,7 +176,6 @@ void Variant::release() noexcept {
 }
 
 // --- text
-// ------------------------------------------------------------------------------------------------------
 
 void Variant::hold_text(std::string_view text) {
   if (text.size() <= sizeof(payload_.short_text)) {
@@ -207,7 +205,6 @@ std::string Variant::AsString() const {
 }
 
 // --- maps
-// ------------------------------------------------------------------------------------------------------
 
 bool Variant::become_map() {
   if (kind_ == Kind::Null)
@@ -264,7 +261,6 @@ std::pair<std::string_view, const Variant*> Variant::map_entry(std::size_t index
 }
 
 // --- lists
-// -----------------------------------------------------------------------------------------------------
 
 Variant& Variant::Append(Variant value) {
   if (kind_ == Kind::Null)
@@ -285,7 +281,6 @@ Variant::List* Variant::MutableList() {
 }
 
 // --- all kinds
-// -------------------------------------------------------------------------------------------------
 
 std::size_t Variant::Size() const {
   return IsList() ? payload_.list->size() : map_size();

@@ -62,8 +62,7 @@ Subnet::Subnet(unsigned int ip, int length) : prefix(length) {
 }
 
 Subnet::Subnet(unsigned int first_ip, unsigned int last_ip, int length)
-    : prefix(length), first(first_ip), last(last_ip) {
-}
+    : prefix(length), first(first_ip), last(last_ip) {}
 
 void Subnet::init(unsigned int ip) {
   if (prefix == 0) {

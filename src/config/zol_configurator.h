@@ -101,9 +101,8 @@ class AConfigurator {
   void unregister_reconfiguration_cb(IReconfigure* listener);
 
   // --- editing the tree in memory
-  // ---------------------------------------------------------------------------- All take a dotted key, an
-  // empty one being the root, catch every exception and return false on failure. Nothing reaches the disk
-  // before save_configuration().
+  // All take a dotted key, an empty one being the root, catch every exception and return false on failure.
+  // Nothing reaches the disk before save_configuration().
   bool del_value(const std::string& key);
   // The parent of the last component of `path`, with a group added for each that was missing; `leaf` takes
   // the last component. Throws libconfig's exceptions.
@@ -145,7 +144,6 @@ class AConfigurator {
   int get_list_element_type(const std::string& key, int index) const;
 
   // --- the tree as text
-  // --------------------------------------------------------------------------------------
   static std::string level_spaces(int level);
   // Scalars and groups of them as configuration text, appended to `out`. Lists and arrays aren't handled: an
   // error line, and false.

@@ -33,8 +33,7 @@ bool flock_through_signals(int fd, int operation) {
 
 }  // namespace
 
-FileLock::FileLock(std::string lock_path) : path(std::move(lock_path)) {
-}
+FileLock::FileLock(std::string lock_path) : path(std::move(lock_path)) {}
 
 FileLock::~FileLock() {
   try {

@@ -17,13 +17,11 @@ SupLogger& logger() {
 
 }  // namespace
 
-IReconfigure::IReconfigure() : reconf_timer(&IReconfigure::reconf_cb, this, -1) {
-}
+IReconfigure::IReconfigure() : reconf_timer(&IReconfigure::reconf_cb, this, -1) {}
 
 IReconfigure::~IReconfigure() = default;
 
-void IReconfigure::post_reconfigure() {
-}
+void IReconfigure::post_reconfigure() {}
 
 bool IReconfigure::is_enabled() {
   return true;

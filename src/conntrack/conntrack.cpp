@@ -167,8 +167,12 @@ void ConntrackEvents::read_event() {
         << ")";
     return;
   }
-  if (mnl_cb_run(buffer.data(), static_cast<std::size_t>(received), 0, 0, &ConntrackEvents::event_parser_cb,
-                 this) == -1)
+  parse_datagram(buffer.data(), static_cast<std::size_t>(received));
+}
+
+void ConntrackEvents::parse_datagram(const void* datagram, std::size_t size) {
+  if (!is_sound_datagram(datagram, size) ||
+      mnl_cb_run(datagram, size, 0, 0, &ConntrackEvents::event_parser_cb, this) == -1)
     SUP_LOG(logger(), log_level::error)
         << "Error parsing netlink buffer; Connection reporting may be incomplete";
   else

@@ -14,6 +14,7 @@
 // log line that is off.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <memory>
@@ -60,8 +61,8 @@ class ConntrackEvents : public zol::IReconfigure {
   bool get_stats(std::uint32_t address, std::uint16_t port, std::uint32_t& rtt, int& total_retrans) const;
 
   // --- the traffic report's walk over the clients of a logical network
-  // ---------------------------------------- Takes the snapshot. It holds references to sessions, so that the
-  // walk must be finished before the loop goes on.
+  // Takes the snapshot. It holds references to sessions, so that the walk must be finished before the loop
+  // goes on.
   void get_detected_ip_start();
   // The next client with sessions of that network, with the figures of all of these, which leave the
   // snapshot; false and zeroed figures when there is none. `new_count` counts the sessions that no report has
@@ -76,6 +77,9 @@ class ConntrackEvents : public zol::IReconfigure {
 
   // The loop's callback; `self` is a ConntrackEvents*.
   static void event_cb(int fd, short what, void* self);
+  // What one read of the socket gave, 4-byte aligned: every message of it goes to event_parser_cb. A datagram
+  // whose lengths don't fit is logged and dropped.
+  void parse_datagram(const void* datagram, std::size_t size);
   // libmnl's callback for one message, whose length must be that of the memory behind it; `self` is a
   // ConntrackEvents*. A message of another kind is passed over, a malformed one is logged and dropped. Always
   // MNL_CB_OK.

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <span>
 
 namespace zol_monitor {
@@ -115,6 +116,22 @@ bool is_sound(const nlattr* attribute, Rules rules) {
 }
 
 }  // namespace
+
+bool is_sound_datagram(const void* datagram, std::size_t size) {
+  const auto* at = static_cast<const char*>(datagram);
+  while (size >= MNL_NLMSG_HDRLEN) {
+    nlmsghdr header;
+    std::memcpy(&header, at, sizeof header);
+    if (header.nlmsg_len < MNL_NLMSG_HDRLEN || header.nlmsg_len > size)
+      return false;
+    const std::size_t step = MNL_ALIGN(static_cast<std::size_t>(header.nlmsg_len));
+    if (step >= size)
+      return true;
+    at += step;
+    size -= step;
+  }
+  return true;
+}
 
 bool is_sound_conntrack_message(const nlmsghdr* nlh) {
   if (nlh->nlmsg_len < MNL_NLMSG_HDRLEN + sizeof(nfgenmsg))

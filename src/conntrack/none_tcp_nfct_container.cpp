@@ -4,6 +4,8 @@
 
 #include <utility>
 
+#include "sup_logger.h"
+
 namespace zol_monitor {
 
 void NfctDestroyer::operator()(nf_conntrack* ct) const {
@@ -17,6 +19,14 @@ NoneTcpNFCTContainer& NoneTcpNFCTContainer::instance() {
 
 void NoneTcpNFCTContainer::push(NfctHandle ct) {
   connections_.push_back(std::move(ct));
+  if (connections_.size() <= most_waiting)
+    return;
+  connections_.pop_front();
+  if (!warned_)
+    SUP_LOG(SupLogger::get_instance("NoneTcpNFCTContainer"), log_level::warning)
+        << "push"
+        << ": More than " << most_waiting << " ended connections wait for a report; dropping the oldest";
+  warned_ = true;
 }
 
 NfctHandle NoneTcpNFCTContainer::pop() {
@@ -29,6 +39,7 @@ NfctHandle NoneTcpNFCTContainer::pop() {
 
 void NoneTcpNFCTContainer::clear() {
   connections_.clear();
+  warned_ = false;
 }
 
 }  // namespace zol_monitor

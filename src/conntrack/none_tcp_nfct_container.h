@@ -12,8 +12,13 @@ namespace zol_monitor {
 // connection carried after the last dump is gone from the table when it ends, so its destroy event, which
 // carries the final counters, is kept here until the dump has counted it. Owns what it holds. Main thread
 // only.
+//
+// Where the traffic report is off nobody empties it: beyond most_waiting the oldest goes, with one warning
+// until it is emptied again.
 class NoneTcpNFCTContainer {
  public:
+  static constexpr std::size_t most_waiting = 100000;
+
   // The one of the process.
   static NoneTcpNFCTContainer& instance();
 
@@ -30,6 +35,7 @@ class NoneTcpNFCTContainer {
 
  private:
   std::deque<NfctHandle> connections_;
+  bool warned_ = false;
 };
 
 }  // namespace zol_monitor

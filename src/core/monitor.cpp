@@ -38,17 +38,17 @@ Monitor::~Monitor() {
 void Monitor::init_reporter() {
   using namespace zol_conf_consts;
   periodic_.resolution_key = monitoring_report_resolution_ms_key;
-  periodic_.reporter =
-      new PeriodicReporter(monitoring_hqs_receiver_url_key, "/zolReport",
-                           general_hqs_http_client_timeout_sec_key, periodic_.compress, true, this, site_info_);
+  periodic_.reporter = new PeriodicReporter(monitoring_hqs_receiver_url_key, "/zolReport",
+                                            general_hqs_http_client_timeout_sec_key, periodic_.compress, true,
+                                            this, site_info_);
   traffic_.resolution_key = monitoring_traffic_report_resolution_ms_key;
   traffic_.reporter = new ZolTrafficReporter(monitoring_hqs_receiver_url_key, traffic_path(),
-                                             general_hqs_http_client_timeout_sec_key, traffic_.compress, false,
-                                             this, zol::Helper::is_middle_mile_network());
+                                             general_hqs_http_client_timeout_sec_key, traffic_.compress,
+                                             false, this, zol::Helper::is_middle_mile_network());
   sessions_context_.resolution_key = monitoring_session_report_resolution_ms_key;
-  sessions_context_.reporter =
-      new ZolSessionReporter(monitoring_hqs_slr_receiver_url_key, "/zolSessionReport",
-                             general_hqs_http_client_timeout_sec_key, sessions_context_.compress, false, this);
+  sessions_context_.reporter = new ZolSessionReporter(
+      monitoring_hqs_slr_receiver_url_key, "/zolSessionReport", general_hqs_http_client_timeout_sec_key,
+      sessions_context_.compress, false, this);
 }
 
 void Monitor::uninit_reporter() {
@@ -63,8 +63,8 @@ void Monitor::uninit_reporter() {
 
 void Monitor::charge_reporter() {
   bool compress = false;
-  zol::TheConfigurator::get_configuration()->config.lookupValue(zol_conf_consts::monitoring_compress_report_key,
-                                                                compress);
+  zol::TheConfigurator::get_configuration()->config.lookupValue(
+      zol_conf_consts::monitoring_compress_report_key, compress);
   for (ReporterContext* reporter_context : {&periodic_, &traffic_, &sessions_context_})
     reporter_context->compress = compress;
   for (ReporterContext* reporter_context : {&periodic_, &traffic_, &sessions_context_}) {

@@ -36,9 +36,10 @@ std::string uuid_text(const unsigned char* uuid) {
 void log_diagnostics(const ipc_tcp_conn_diag_info_msg_t& msg, const tcp_info& info) {
   SUP_LOG(logger(), log_level::debug)
       << "diagnostics report from wanproxy: " << (msg.outbound != 0 ? "outbound" : "inbound") << " ip: ["
-      << zol::Helper::make_anonymous_address(msg.ip) << ":" << ntohs(msg.port) << "] Session_ID: "
-      << uuid_text(msg.uuid) << "  rtt: " << info.tcpi_rtt / 1000.0 << " ms retrans: " << info.tcpi_total_retrans
-      << " read idle: " << +msg.read_idle_ms << "ms. write congestion: " << +msg.write_congestion_ms << "ms";
+      << zol::Helper::make_anonymous_address(msg.ip) << ":" << ntohs(msg.port)
+      << "] Session_ID: " << uuid_text(msg.uuid) << "  rtt: " << info.tcpi_rtt / 1000.0
+      << " ms retrans: " << info.tcpi_total_retrans << " read idle: " << +msg.read_idle_ms
+      << "ms. write congestion: " << +msg.write_congestion_ms << "ms";
 }
 
 }  // namespace
@@ -53,7 +54,8 @@ void Monitor::session_identification_notify(ipc_session_identification_msg_t* ms
 
 void Monitor::tcp_conn_diag_info_notify(ipc_tcp_conn_diag_info_msg_t* msg) {
   if (reports_disabled) {
-    SUP_LOG(logger(), log_level::debug) << "tcp_conn_diag_info_notify" << ": reports disabled";
+    SUP_LOG(logger(), log_level::debug) << "tcp_conn_diag_info_notify"
+                                        << ": reports disabled";
     return;
   }
   tcp_info info{};  // the record holds the first bytes of the kernel's structure
@@ -66,9 +68,8 @@ void Monitor::tcp_conn_diag_info_notify(ipc_tcp_conn_diag_info_msg_t* msg) {
     sessions.set_in_stats(msg->ip, ntohs(msg->port), msg->uuid, info, msg->read_idle_ms,
                           msg->write_congestion_ms);
   zol_utils::with_locked_record<zol_utils::ZolStatusData>(
-      "tcp_conn_diag_info_notify", [&info](zol_utils::ZolStatusData& status) {
-        status.total_retransmissions += info.tcpi_total_retrans;
-      });
+      "tcp_conn_diag_info_notify",
+      [&info](zol_utils::ZolStatusData& status) { status.total_retransmissions += info.tcpi_total_retrans; });
 }
 
 void Monitor::dump_session_notify(ipcmsg_t*) {
@@ -77,8 +78,8 @@ void Monitor::dump_session_notify(ipcmsg_t*) {
 
 void Monitor::set_out_failure_reason_notify(msgtyp_failure_reason_msg_t* msg) {
   if (msg->failure_reason == 0) {
-    SUP_LOG(logger(), log_level::warning)
-        << "set_out_failure_reason_notify" << " Got unknown termination reason";
+    SUP_LOG(logger(), log_level::warning) << "set_out_failure_reason_notify"
+                                          << " Got unknown termination reason";
     return;
   }
   zol::FailureInfo info{};
@@ -101,7 +102,8 @@ void Monitor::ignored_session_info(ipc_ignored_session_info_msg_t* msg) {
 }
 
 void Monitor::wanp_tcp_pool_stats(ipc_tcp_pool_stats_msg_t* msg) {
-  SUP_LOG(logger(), log_level::debug) << "wanp_tcp_pool_stats" << " Received IPC msg";
+  SUP_LOG(logger(), log_level::debug) << "wanp_tcp_pool_stats"
+                                      << " Received IPC msg";
   zol_utils::with_locked_record<zol_utils::ZolStatusData>(
       "wanp_tcp_pool_stats", [msg](zol_utils::ZolStatusData& status) {
         for (std::size_t i = 0; i < std::size(msg->counters); ++i)

@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 #include <event2/event.h>
+#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -56,10 +57,21 @@ SupLogger& logger() {
   return instance;
 }
 
+// A socket must never become standard input or output: what goes there would reach a peer, and the loop takes
+// descriptor 0 for none.
+void open_standard_descriptors() {
+  int fd = 0;
+  do
+    fd = open("/dev/null", O_RDWR);
+  while (fd >= 0 && fd <= STDERR_FILENO);
+  if (fd >= 0)
+    close(fd);
+}
+
 void bind_life_to_parent() {
   if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0)
-    SUP_LOG(logger(), log_level::error) << "Failed to assign death signal with parent " << getppid() << " ("
-                                        << strerror(errno) << ")";
+    SUP_LOG(logger(), log_level::error)
+        << "Failed to assign death signal with parent " << getppid() << " (" << strerror(errno) << ")";
 }
 
 void start_logging() {
@@ -206,11 +218,15 @@ void reload_logging() {
 }
 
 int process_main() {
+  open_standard_descriptors();
   try {
     start_logging();
     run();
     return 0;
   } catch (const std::exception& error) {
+    if (const auto* syntax = dynamic_cast<const libconfig::ParseException*>(&error))
+      SUP_LOG(logger(), log_level::error) << "Syntax error in " << syntax->getFile() << ":"
+                                          << syntax->getLine() << ": " << syntax->getError();
     SUP_LOG(logger(), log_level::error) << "Unhandled exception caught:";
     SUP_LOG(logger(), log_level::error) << error.what();
     SUP_LOG(logger(), log_level::error) << "Aborting.";

@@ -6,7 +6,8 @@
 
 namespace zol_monitor {
 
-// The whole life of the process; the exit status. An exception ends it with status 1, anything else thrown with 2.
+// The whole life of the process; the exit status. An exception ends it with status 1, anything else thrown
+// with 2.
 int process_main();
 
 // The steps of start-up before the loop stands. Throws std::runtime_error when General.zol_id is missing.

@@ -52,7 +52,9 @@ bool lookup(const char* key, T& value) {
 }  // namespace
 
 ReporterContext::ReporterContext(MonitorContext* context_in, const std::string& name_in, bool read_retries)
-    : send_timer(send_report_cb, this, -1), poll_timer(poll_send_report_cb, this, -1), name(name_in),
+    : send_timer(send_report_cb, this, -1),
+      poll_timer(poll_send_report_cb, this, -1),
+      name(name_in),
       context(context_in) {
   if (read_retries && !lookup(zol_conf_consts::monitoring_reporter_total_retries_key, total_retries))
     throw std::runtime_error("ERROR couldn't find parameter total allowed attempts for HTTP request");

@@ -14,8 +14,8 @@ class Reporter;
 // Set while another installed version of the software is the active one: nothing is reported then.
 extern bool reports_disabled;
 
-// The scheduler of one reporter. A cycle goes idle, charged, sending, polling, and back to charged; the next cycle
-// is charged before the present report is made, so that a period runs from start to start.
+// The scheduler of one reporter. A cycle goes idle, charged, sending, polling, and back to charged; the next
+// cycle is charged before the present report is made, so that a period runs from start to start.
 //
 // Main thread only. The reporter is created and deleted by Monitor.
 class ReporterContext {
@@ -26,9 +26,9 @@ class ReporterContext {
   ReporterContext(const ReporterContext&) = delete;
   ReporterContext& operator=(const ReporterContext&) = delete;
 
-  // Charges the send timer with the period that `resolution_key` names; period 0 switches the reporter off. With
-  // `initial` the delay is random below the period, so that the nodes of a network don't report all at once.
-  // Throws std::runtime_error when the key is missing.
+  // Charges the send timer with the period that `resolution_key` names; period 0 switches the reporter off.
+  // With `initial` the delay is random below the period, so that the nodes of a network don't report all at
+  // once. Throws std::runtime_error when the key is missing.
   void charge_reporter(bool initial);
   // Throws std::runtime_error when Monitoring.polling_rate_ms is missing.
   void charge_poll_send_report();
@@ -51,12 +51,12 @@ class ReporterContext {
   const char* resolution_key = nullptr;
   zol::ZOLEventLibEventTimer send_timer;
   zol::ZOLEventLibEventTimer poll_timer;
-  bool charged = false;              // by the last charge_reporter
-  std::int32_t total_retries = 0;    // Monitoring.reporter_total_retries
-  std::int32_t attempts = 0;         // retries made for the present report
+  bool charged = false;            // by the last charge_reporter
+  std::int32_t total_retries = 0;  // Monitoring.reporter_total_retries
+  std::int32_t attempts = 0;       // retries made for the present report
   std::string name;
   MonitorContext* context;
-  bool compress = false;             // Monitoring.compress_report
+  bool compress = false;  // Monitoring.compress_report
 };
 
 }  // namespace zol_monitor

@@ -7,7 +7,8 @@ class SigChildHandler {
  public:
   virtual ~SigChildHandler() = default;
 
-  // A child ended or stopped; `status` as waitpid(2) gives it. True ends the walk: the child was this handler's.
+  // A child ended or stopped; `status` as waitpid(2) gives it. True ends the walk: the child was this
+  // handler's.
   virtual bool sigchld_handler_cb(int pid, int status) = 0;
 };
 

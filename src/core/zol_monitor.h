@@ -7,8 +7,8 @@
 
 namespace zol_monitor {
 
-// The monitor of this node: Monitor, opened on the node's IPC, with the messages that concern the process itself
-// and those that become events.
+// The monitor of this node: Monitor, opened on the node's IPC, with the messages that concern the process
+// itself and those that become events.
 class ZOLMonitor : public Monitor {
  public:
   explicit ZOLMonitor(const std::string& node_id);

@@ -28,8 +28,8 @@ void ZOLMonitor::failure_notify(ipc_failure_msg_t* msg) {
   if (msg->status != 0)
     return;
   for (std::size_t i = 0; i < msg->count && i < std::size(msg->ports); ++i)
-    SUP_LOG(logger(), log_level::notice) << "failure_notify" << ": failure of " << dotted(msg->address) << ":"
-                                         << +msg->ports[i];
+    SUP_LOG(logger(), log_level::notice) << "failure_notify"
+                                         << ": failure of " << dotted(msg->address) << ":" << +msg->ports[i];
 }
 
 void ZOLMonitor::failopen_notify(ipc_failopen_msg_t* msg) {
@@ -38,8 +38,9 @@ void ZOLMonitor::failopen_notify(ipc_failopen_msg_t* msg) {
 }
 
 void ZOLMonitor::bh_event_notify(ipc_bh_event_msg_t* msg) {
-  SUP_LOG(logger(), log_level::notice) << "bh_event_notify" << ": black-holed target "
-                                       << std::string(msg->text, strnlen(msg->text, sizeof msg->text));
+  SUP_LOG(logger(), log_level::notice)
+      << "bh_event_notify"
+      << ": black-holed target " << std::string(msg->text, strnlen(msg->text, sizeof msg->text));
   ++sessions.failed_to_target_period;
   ++sessions.failed_to_target_total;
 }
@@ -50,7 +51,8 @@ void ZOLMonitor::bgp_provider_fail_notify(ipc_bgp_provider_fail_msg_t* msg) {
 }
 
 void ZOLMonitor::next_hop_api_event(ipcmsg_t*) {
-  SUP_LOG(logger(), log_level::notice) << "next_hop_api_event" << ": next-hop API failed";
+  SUP_LOG(logger(), log_level::notice) << "next_hop_api_event"
+                                       << ": next-hop API failed";
 }
 
 void ZOLMonitor::routing_anomaly_notify(ipc_routing_anomaly_msg_t* msg) {

@@ -26,8 +26,7 @@ const int* ClusterData::priority_of(const std::string& hop_id) const {
   return found == hops.end() ? nullptr : &found->second;
 }
 
-HopMap::HopMap(const ZOLNetworks* networks) : network(networks) {
-}
+HopMap::HopMap(const ZOLNetworks* networks) : network(networks) {}
 
 const HopData* HopMap::my_hop() const {
   const auto found = hops.find(my_hop_id);

@@ -7,6 +7,7 @@
 #include "config/zol_conf_consts.h"
 #include "config/zol_configurator.h"
 #include "config/zol_networks.h"
+#include "conntrack/none_tcp_nfct_container.h"
 #include "reporting/report_text.h"
 #include "sessions/zol_monitor_data.h"
 #include "shared_object.h"
@@ -100,6 +101,8 @@ ZolTrafficReporter::ZolTrafficReporter(std::string url_key_in, std::string path_
       middle_mile(middle_mile_in) {}
 
 std::string ZolTrafficReporter::create_report() {
+  // What ended since the last report counts in no figure of this one.
+  NoneTcpNFCTContainer::instance().clear();
   libvariant::Variant report = libvariant::Variant::make_map();
   report.Assign("timestamp", zol::Helper::get_timestamp_gmt_format());
   report.Assign("machine-info", machine_info.generate_machine_info_id_report());

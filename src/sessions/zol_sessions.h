@@ -74,7 +74,6 @@ class ZOLSessions {
   void set_listener(ISessionsEvents* events) { listener = events; }
 
   // --- look-ups; null when nothing is found. What is passed for the place found may be null
-  // -------------------
   SessionPtr get(std::uint64_t key, LegMap& map, LegMap::iterator* node = nullptr);
   SessionPtr get(std::uint32_t address, std::uint16_t port, LegMap& map, LegMap::iterator* node = nullptr);
   SessionPtr get_outbound(std::uint32_t first_address, std::uint16_t first_port, std::uint32_t second_address,
@@ -87,7 +86,6 @@ class ZOLSessions {
   SessionPtr get(const unsigned char* uuid);
 
   // --- operations on a tracked connection; without a session they log or do nothing
-  // ---------------------------
   void set_str(const nf_conntrack* ct, SessionTerminationReason reason);
   bool get_str(const nf_conntrack* ct, SessionTerminationReason& reason);
   void set_end_time(const nf_conntrack* ct);
@@ -127,7 +125,6 @@ class ZOLSessions {
                      const tcp_info& info, std::uint32_t read_idle_ms, std::uint32_t write_congestion_ms);
 
   // --- queries of the traffic report; an empty domain stands for all
-  // -----------------------------------------
   std::uint32_t get_new_count(const std::string& network, traffic_dir_t dir) const;
   std::uint32_t get_domain_new_count(const std::string& network, const std::string& domain) const;
   std::uint32_t get_domain_new_count(const std::string& network, const std::string& domain,
@@ -141,7 +138,6 @@ class ZOLSessions {
   std::list<SessionPtr> get_zol_sessions() const;
 
   // --- non-TCP flows
-  // --------------------------------------------------------------------------------------------
   static std::string gen_non_tcp_key(std::uint32_t protonum, std::uint32_t src, std::uint32_t dst,
                                      int src_port, int dst_port);
   void update_non_tcp_traffic(std::uint32_t protonum, std::uint32_t src, std::uint32_t dst,

@@ -1,5 +1,5 @@
-// A Monitor whose messages about the process itself go nowhere: the session side whole, for tests, benchmarks and
-// fuzz targets. Needs a configuration, and a loop when timers are to run.
+// A Monitor whose messages about the process itself go nowhere: the session side whole, for tests, benchmarks
+// and fuzz targets. Needs a configuration, and a loop when timers are to run.
 #pragma once
 
 #include "core/monitor.h"

@@ -73,7 +73,7 @@ def defaults(node_id, server_url, external_ip):
         "Monitoring.DetectedIPsReport.enabled": False,
         "Monitoring.domain_level_traffic": False,
         "Monitoring.conntrack_states_enabled": False,
-        "Monitoring.unmarked_target": "",
+        "Monitoring.unmarked_target": "nobody",  # an empty one would fit a service without aux_host
         "Monitoring.send_meta_data_on_events": False,
         "Monitoring.send_meta_data_on_session_report": False,
         "Monitoring.send_meta_data_on_periodic_report": False,

@@ -26,8 +26,7 @@ std::string quote(const std::string& text) {
 
 }  // namespace
 
-EventLine::EventLine(const std::string& event) : line_("{\"event\": " + quote(event)) {
-}
+EventLine::EventLine(const std::string& event) : line_("{\"event\": " + quote(event)) {}
 
 EventLine::~EventLine() {
   printf("%s}\n", line_.c_str());

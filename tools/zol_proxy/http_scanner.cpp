@@ -49,12 +49,10 @@ bool is_method_letter(char letter) {
 }  // namespace
 
 HttpScanner::HttpScanner(HttpPending& pending, request_cb on_request)
-    : pending_(pending), on_request_(std::move(on_request)) {
-}
+    : pending_(pending), on_request_(std::move(on_request)) {}
 
 HttpScanner::HttpScanner(HttpPending& pending, response_cb on_response)
-    : pending_(pending), on_response_(std::move(on_response)) {
-}
+    : pending_(pending), on_response_(std::move(on_response)) {}
 
 void HttpScanner::feed(const char* data, std::size_t size) {
   while (size > 0 && state_ != State::off && state_ != State::until_close) {

@@ -54,6 +54,27 @@ class EventDecoderTest : public ConntrackTest {
   std::vector<char> bytes_;
 };
 
+// Verifies that a whole datagram goes to the decoder, message by message.
+TEST_F(EventDecoderTest, Datagram) {
+  const auto session = identify_in();
+  events_.parse_datagram(bytes_.data(), bytes_.size());
+  EXPECT_FALSE(session->network_id.empty());
+}
+
+// Verifies that lengths that leave the datagram drop it with the error line, above INT_MAX too.
+TEST_F(EventDecoderTest, DatagramOfWrongLengths) {
+  const auto session = identify_in();
+  for (const std::uint32_t length : {0xfffffff0U, 0x80000000U, 0x74U, 15U, 0U}) {
+    LogCapture log;
+    set_length(length);
+    events_.parse_datagram(bytes_.data(), bytes_.size());
+    EXPECT_TRUE(log.contains(log_level::error,
+                             "Error parsing netlink buffer; Connection reporting may be incomplete"))
+        << length;
+  }
+  EXPECT_TRUE(session->network_id.empty());
+}
+
 // Verifies that the kernel's message of a new connection is decoded and applied.
 TEST_F(EventDecoderTest, NewConnection) {
   const auto session = identify_in();

@@ -48,8 +48,7 @@ OwnNetwork::~OwnNetwork() {
   close(former_);
 }
 
-ConnectionTable::ConnectionTable() : handle_(nfct_open(CONNTRACK, 0)) {
-}
+ConnectionTable::ConnectionTable() : handle_(nfct_open(CONNTRACK, 0)) {}
 
 ConnectionTable::~ConnectionTable() {
   if (handle_ != nullptr)

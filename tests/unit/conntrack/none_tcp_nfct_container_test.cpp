@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "conntrack/nfconntrack.h"
+#include "tests/support/log_capture.h"
 #include "tests/unit/conntrack/conntrack_fixture.h"
 
 namespace zol_monitor {
@@ -30,6 +31,17 @@ TEST(NoneTcpNFCTContainer, Clear) {
   container.clear();
   EXPECT_EQ(container.size(), 0u);
   EXPECT_EQ(container.pop(), nullptr);
+}
+
+// Verifies that what nobody takes out is bounded: the oldest goes, with one warning until the next clear.
+TEST(NoneTcpNFCTContainer, Bounded) {
+  zol_test::LogCapture log;
+  NoneTcpNFCTContainer container;
+  for (std::size_t i = 0; i < NoneTcpNFCTContainer::most_waiting + 2; ++i)
+    container.push(marked(static_cast<std::uint32_t>(i)));
+  EXPECT_EQ(container.size(), NoneTcpNFCTContainer::most_waiting);
+  EXPECT_EQ(nfconntrack_get_mark(container.pop().get()), 2u);
+  EXPECT_EQ(log.count("ended connections wait for a report"), 1);
 }
 
 // Verifies that the container frees what remains in it at its end.

@@ -31,7 +31,8 @@ Monitoring: {
 }
 
 inline const char* const usual_periods =
-    "report_resolution_ms = 60000; traffic_report_resolution_ms = 60000; session_report_resolution_ms = 60000;"
+    "report_resolution_ms = 60000; traffic_report_resolution_ms = 60000; session_report_resolution_ms = "
+    "60000;"
     "polling_rate_ms = 1; reporter_total_retries = 2;";
 
 class MonitorFixture : public ::testing::Test {

@@ -69,7 +69,8 @@ TEST_F(MonitorMessages, FailureWithoutReasonWarns) {
   msgtyp_failure_reason_msg_t msg{};
   std::memcpy(msg.uuid, session_uuid, sizeof session_uuid);
   deliver(msgtype_e::termination_reason, msg);
-  EXPECT_TRUE(log_.contains(log_level::warning, "set_out_failure_reason_notify Got unknown termination reason"));
+  EXPECT_TRUE(
+      log_.contains(log_level::warning, "set_out_failure_reason_notify Got unknown termination reason"));
   EXPECT_EQ(session(), nullptr);
 }
 
@@ -115,9 +116,10 @@ TEST_F(MonitorMessages, DiagnosticsReachSessionAndRecord) {
   EXPECT_EQ(session()->in_info.read_idle_time_ms, 11u);
   EXPECT_EQ(session()->in_info.write_congestion_time_ms, 12u);
   EXPECT_EQ(status.total_retransmissions, 7u);
-  EXPECT_TRUE(log_.contains("diagnostics report from wanproxy: inbound ip: [10.0.0.9:40000] Session_ID: "
-                            "01020304-0506-0708-090a-0b0c0d0e0f10  rtt: 21.5 ms retrans: 7 read idle: 11ms. write "
-                            "congestion: 12ms"));
+  EXPECT_TRUE(
+      log_.contains("diagnostics report from wanproxy: inbound ip: [10.0.0.9:40000] Session_ID: "
+                    "01020304-0506-0708-090a-0b0c0d0e0f10  rtt: 21.5 ms retrans: 7 read idle: 11ms. write "
+                    "congestion: 12ms"));
 }
 
 // Verifies that an outbound record goes to the Out leg.
@@ -170,7 +172,8 @@ TEST_F(MonitorMessages, InvalidPublicHostCounts) {
   EXPECT_EQ(counters.get_counter(counters.period, zol::FR_INVALID_HOST), 1u);
 }
 
-// Verifies that HTTP notifications count, that an unknown kind is refused, and that a missing session is logged.
+// Verifies that HTTP notifications count, that an unknown kind is refused, and that a missing session is
+// logged.
 TEST_F(MonitorMessages, HttpNotifications) {
   deliver(msgtype_e::session_identification, identification());
   msgtyp_http_notification_t msg{};

@@ -35,6 +35,23 @@ TEST_F(ReporterContexts, MissingResolutionThrows) {
             "ERROR couldn't find the critical report resolution parameter");
 }
 
+// Verifies that a tick that meets a report under way makes none, loses nothing and leaves the retries alone.
+TEST_F(ReporterContexts, TickDuringATransferIsIgnored) {
+  monitor().init_reporter();
+  auto& context = monitor().sessions_context();
+  context.attempts = 1;
+  context.reporter->body = "the report under way";
+  context.reporter->client.async_running = true;
+  context.send_report(0, 0);
+  EXPECT_EQ(context.attempts, 1);
+  EXPECT_EQ(context.reporter->body, "the report under way");
+  EXPECT_FALSE(context.reporter->is_report_sent());
+  EXPECT_TRUE(
+      log_.contains(log_level::notice, "Request ignored since previous HTTP request is not completed yet"));
+  EXPECT_TRUE(context.send_timer.is_pending());
+  context.reporter->client.async_running = false;
+}
+
 // Verifies that a missing polling rate throws.
 TEST_F(ReporterContexts, MissingPollingRateThrows) {
   monitor().init_reporter();
@@ -43,10 +60,12 @@ TEST_F(ReporterContexts, MissingPollingRateThrows) {
             "ERROR couldn't find parameter polling rate that critical for monitoring");
 }
 
-// Verifies that a period of 0 switches a reporter off, and that a later period charges it at a random point below.
+// Verifies that a period of 0 switches a reporter off, and that a later period charges it at a random point
+// below.
 TEST_F(ReporterContexts, PeriodZeroIsOff) {
-  config_.set(monitor_config("report_resolution_ms = 0; traffic_report_resolution_ms = 60000;"
-                             "session_report_resolution_ms = 60000; reporter_total_retries = 0; polling_rate_ms = 1;"));
+  config_.set(monitor_config(
+      "report_resolution_ms = 0; traffic_report_resolution_ms = 60000;"
+      "session_report_resolution_ms = 60000; reporter_total_retries = 0; polling_rate_ms = 1;"));
   monitor().init_reporter();
   monitor().charge_reporter();
   EXPECT_TRUE(log_.contains(log_level::info, "Reporter Periodic is disabled "));
@@ -86,11 +105,13 @@ TEST_F(ReporterContexts, CompressionReachesAllContexts) {
   EXPECT_TRUE(monitor().sessions_context().compress);
 }
 
-// Verifies that a report that keeps failing is tried once and then as often as the setting says, without a pause.
+// Verifies that a report that keeps failing is tried once and then as often as the setting says, without a
+// pause.
 TEST_F(ReporterContexts, FailingReportIsRetriedAsConfigured) {
   monitor().init_reporter();
   monitor().periodic().send_report(0, 0);
-  ASSERT_TRUE(run_until([this] { return log_.contains("poll_send_report: Failed to send Periodic report to HQS"); }));
+  ASSERT_TRUE(
+      run_until([this] { return log_.contains("poll_send_report: Failed to send Periodic report to HQS"); }));
   EXPECT_EQ(log_.count("Failed to compute HMAC"), 3);  // no secret in this configuration
   EXPECT_EQ(log_.count("poll_send_report: Retrying, 2 attempts left for sending Periodic report"), 1);
   EXPECT_EQ(log_.count("poll_send_report: Retrying, 1 attempts left for sending Periodic report"), 1);
@@ -99,18 +120,21 @@ TEST_F(ReporterContexts, FailingReportIsRetriedAsConfigured) {
 
 // Verifies that without retries a failed send goes to the last line at once.
 TEST_F(ReporterContexts, NoRetries) {
-  config_.set(monitor_config("report_resolution_ms = 60000; traffic_report_resolution_ms = 60000;"
-                             "session_report_resolution_ms = 60000; reporter_total_retries = 0; polling_rate_ms = 1;"));
+  config_.set(monitor_config(
+      "report_resolution_ms = 60000; traffic_report_resolution_ms = 60000;"
+      "session_report_resolution_ms = 60000; reporter_total_retries = 0; polling_rate_ms = 1;"));
   monitor().init_reporter();
   monitor().periodic().send_report(0, 0);
-  ASSERT_TRUE(run_until([this] { return log_.contains("poll_send_report: Failed to send Periodic report to HQS"); }));
+  ASSERT_TRUE(
+      run_until([this] { return log_.contains("poll_send_report: Failed to send Periodic report to HQS"); }));
   EXPECT_FALSE(log_.contains("Retrying"));
 }
 
 // Verifies that a report without a server's URL is given up for this cycle.
 TEST_F(ReporterContexts, MissingUrlGivesTheCycleUp) {
   monitor().init_reporter();
-  config_.set(std::string("General: { hqs_http_client_timeout_sec = 2; }; Monitoring: { ") + usual_periods + "};");
+  config_.set(std::string("General: { hqs_http_client_timeout_sec = 2; }; Monitoring: { ") + usual_periods +
+              "};");
   monitor().periodic().send_report(0, 0);
   EXPECT_TRUE(log_.contains(log_level::error, "Failed scheduling monitor report send."));
   EXPECT_TRUE(monitor().periodic().charged);
@@ -125,7 +149,8 @@ TEST_F(ReporterContexts, EmptyReportCountsAsSent) {
   EXPECT_FALSE(log_.contains("Failed to send"));
 }
 
-// Verifies that a full table fires the session report at the next pass of the loop in place of the pending charge.
+// Verifies that a full table fires the session report at the next pass of the loop in place of the pending
+// charge.
 TEST_F(ReporterContexts, FullTableBringsTheReportForward) {
   monitor().init_reporter();
   monitor().charge_reporter();
