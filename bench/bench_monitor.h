@@ -1,4 +1,4 @@
-// A monitor with a configuration for one service and messages to fill its table with.
+// Messages to fill a monitor's table with.
 #pragma once
 
 #include <arpa/inet.h>
@@ -7,41 +7,10 @@
 #include <cstring>
 #include <string>
 
-#include "config/services.h"
 #include "core/ipc_messages.h"
-#include "core/zol_libevent.h"
-#include "dual_zol_helper.h"
-#include "sites/vpn_sites_services.h"
-#include "tests/support/bare_monitor.h"
-#include "tests/support/config_fixture.h"
+#include "tests/support/lone_monitor.h"
 
 namespace zol_bench {
-
-inline constexpr const char* config_text = R"(
-General: { zol_id = "bench"; external_ip = "192.0.2.1"; network_id = "net"; };
-Monitoring: {
-  report_resolution_ms = 60000; traffic_report_resolution_ms = 60000; session_report_resolution_ms = 60000;
-  polling_rate_ms = 100; reporter_total_retries = 0; session_report_is_enabled = true; unmarked_target = "none";
-};
-IPTables: { internal_port_range_start = 9000; internal_port_range_end = 9100; };
-MultipleTargets: { services = (
-  { service_id = 1; logical_network_id = "net-1"; public_host = "a"; host = "target.example"; aux_host = "c";
-    external_port_in = 80; internal_port = 8080; external_port_out = 80; is_port_owned = true; is_tcp = true; });
-};
-)";
-
-// Made once, lives as long as the process.
-inline zol_test::BareMonitor& monitor() {
-  zol_utils::shared_mem_enabled = false;
-  static zol_test::ScopedConfig config(config_text);
-  static zol::ZOLEventBase loop;
-  static const bool ready = (zol::ZOLEventBase::init(), true);
-  static_cast<void>(ready);
-  static zol::Services services(false, true);
-  static zol_test::BareMonitor instance(&services, zol::SiteServices::instance(), nullptr, true);
-  instance.stop();
-  return instance;
-}
 
 // Session number `n`: its own client, port and id. Both legs as the proxy would name them.
 inline ipc_session_identification_msg_t identification(std::uint32_t n, bool outbound) {
@@ -82,13 +51,6 @@ inline void fill(zol_test::BareMonitor& monitor, std::uint32_t from, std::uint32
       handle(monitor, msg);
     }
   }
-}
-
-inline void forget_sessions(zol_test::BareMonitor& monitor) {
-  monitor.sessions.in_sessions.clear();
-  monitor.sessions.out_sessions.clear();
-  monitor.sessions.sessions_by_id.clear();
-  monitor.sessions.finished_sessions.clear();
 }
 
 }  // namespace zol_bench

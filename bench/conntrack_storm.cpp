@@ -156,7 +156,7 @@ int main() {
     return 1;
   }
   std::ofstream("/proc/sys/net/netfilter/nf_conntrack_max") << 1000000;
-  run_daemon(zol_bench::monitor());
+  run_daemon(zol_test::lone_monitor());
   char path[] = "/tmp/conntrack_storm_XXXXXX";
   close(mkstemp(path));
   run_peer(path);

@@ -11,28 +11,28 @@ namespace {
 constexpr std::uint32_t batch = 20000;
 
 void new_sessions(benchmark::State& state) {
-  auto& monitor = zol_bench::monitor();
+  auto& monitor = zol_test::lone_monitor();
   const auto held = static_cast<std::uint32_t>(state.range(0));
   std::vector<ipc_session_identification_msg_t> messages;
   for (std::uint32_t n = 0; n < batch; ++n)
     messages.push_back(zol_bench::identification(held + n, false));
   for (auto _ : state) {
     state.PauseTiming();
-    zol_bench::forget_sessions(monitor);
+    zol_test::forget_sessions();
     zol_bench::fill(monitor, 0, held);
     state.ResumeTiming();
     for (auto& msg : messages)
       zol_bench::handle(monitor, msg);
   }
   state.SetItemsProcessed(state.iterations() * batch);
-  zol_bench::forget_sessions(monitor);
+  zol_test::forget_sessions();
 }
 BENCHMARK(new_sessions)->Arg(0)->Arg(100000)->Unit(benchmark::kMillisecond);
 
 void known_sessions(benchmark::State& state) {
-  auto& monitor = zol_bench::monitor();
+  auto& monitor = zol_test::lone_monitor();
   const auto held = static_cast<std::uint32_t>(state.range(0));
-  zol_bench::forget_sessions(monitor);
+  zol_test::forget_sessions();
   zol_bench::fill(monitor, 0, held);
   std::vector<ipc_session_identification_msg_t> messages;
   for (std::uint32_t n = 0; n < batch; ++n)
@@ -42,7 +42,7 @@ void known_sessions(benchmark::State& state) {
       zol_bench::handle(monitor, msg);
   }
   state.SetItemsProcessed(state.iterations() * batch);
-  zol_bench::forget_sessions(monitor);
+  zol_test::forget_sessions();
 }
 BENCHMARK(known_sessions)->Arg(1000)->Arg(100000)->Unit(benchmark::kMillisecond);
 

@@ -27,9 +27,9 @@ long resident_kb() {
 }  // namespace
 
 int main() {
-  auto& monitor = zol_bench::monitor();
+  auto& monitor = zol_test::lone_monitor();
   zol_bench::fill(monitor, 0, 1000);  // what the program needs once
-  zol_bench::forget_sessions(monitor);
+  zol_test::forget_sessions();
   malloc_trim(0);
   const long before = resident_kb();
   zol_bench::fill(monitor, 0, sessions);

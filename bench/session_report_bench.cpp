@@ -15,8 +15,8 @@ namespace {
 constexpr std::uint32_t sessions = 100000;
 
 libvariant::Variant finished_records() {
-  auto& monitor = zol_bench::monitor();
-  zol_bench::forget_sessions(monitor);
+  auto& monitor = zol_test::lone_monitor();
+  zol_test::forget_sessions();
   zol_bench::fill(monitor, 0, sessions);
   for (auto& [id, session] : monitor.sessions.sessions_by_id) {
     session->network_id = "net-1";
@@ -33,7 +33,7 @@ libvariant::Variant finished_records() {
     monitor.sessions.finished_sessions.insert_session(session, monitor.services, "", "");
   }
   libvariant::Variant records = std::move(monitor.sessions.finished_sessions.sessions);
-  zol_bench::forget_sessions(monitor);
+  zol_test::forget_sessions();
   return records;
 }
 

@@ -9,8 +9,8 @@
 #include "config/zol_networks.h"
 #include "core/zol_libevent.h"
 #include "dual_zol_helper.h"
-#include "fuzz/fuzz_config.h"
 #include "fuzz/quiet_log.h"
+#include "tests/support/lone_monitor.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   zol_fuzz::quiet_log();
@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string text(reinterpret_cast<const char*>(data), size);
   if (text.find("@include") != std::string::npos)
     return 0;  // would read other files of the machine
-  zol_test::ScopedConfig& config = zol_fuzz::config();
+  zol_test::ScopedConfig& config = zol_test::lone_config();
   try {
     config.set(text);
   } catch (const std::exception&) {

@@ -4,13 +4,13 @@
 #include <vector>
 
 #include "conntrack/conntrack.h"
-#include "fuzz/fuzz_monitor.h"
 #include "fuzz/quiet_log.h"
+#include "tests/support/lone_monitor.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   zol_fuzz::quiet_log();
-  zol_test::BareMonitor& monitor = zol_fuzz::monitor();
-  zol_fuzz::forget_sessions();
+  zol_test::BareMonitor& monitor = zol_test::lone_monitor();
+  zol_test::forget_sessions();
   // The kernel aligns its messages; the block is as large as the datagram, so that an overrun is seen.
   std::vector<std::uint32_t> block((size + 3) / 4);
   if (size != 0)

@@ -3,13 +3,13 @@
 #include <cstdint>
 #include <vector>
 
-#include "fuzz/fuzz_monitor.h"
 #include "fuzz/quiet_log.h"
+#include "tests/support/lone_monitor.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   zol_fuzz::quiet_log();
-  zol_test::BareMonitor& monitor = zol_fuzz::monitor();
-  zol_fuzz::forget_sessions();
+  zol_test::BareMonitor& monitor = zol_test::lone_monitor();
+  zol_test::forget_sessions();
   while (size >= 2) {
     const std::size_t wanted = data[0] | data[1] << 8;
     data += 2;

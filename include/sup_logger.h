@@ -98,8 +98,10 @@ struct SupLogVoidify {
 };
 
 // One message. Its operands are evaluated only when the level is on.
+// NOLINTBEGIN(bugprone-macro-parentheses): what is streamed in follows the macro
 #define SUP_LOG(logger, level) \
   !(logger).is_enabled(level) ? static_cast<void>(0) : SupLogVoidify() & (logger).getStream(level)
+// NOLINTEND(bugprone-macro-parentheses)
 
 // Opaque state of the running log.
 struct zol_logging_handle;

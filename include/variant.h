@@ -81,13 +81,13 @@ class Variant {
   // Sets the value of a key, replacing what is there. Returns the stored value.
   Variant& Assign(LiteralKey key, Variant value) { return put(key.text(), true, true, std::move(value)); }
   template <std::same_as<std::string> S>
-  Variant& Assign(const S& key, Variant value) {
+  Variant& Assign(const S& key, Variant value) {  // NOLINT(performance-unnecessary-value-param): it is moved
     return assign_copied(key, std::move(value));
   }
   // The same, unless the key is there already; returns what is stored.
   Variant& Set(LiteralKey key, Variant value) { return put(key.text(), true, false, std::move(value)); }
   template <std::same_as<std::string> S>
-  Variant& Set(const S& key, Variant value) {
+  Variant& Set(const S& key, Variant value) {  // NOLINT(performance-unnecessary-value-param): it is moved
     return set_copied(key, std::move(value));
   }
   // The value of a key; a null Variant, not stored, when the key is missing.

@@ -2,9 +2,7 @@
 
 #include <fcntl.h>
 #include <libnetfilter_conntrack/libnetfilter_conntrack.h>
-#include <net/if.h>
 #include <sched.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -12,21 +10,13 @@
 #include <cstring>
 #include <fstream>
 
+#include "tests/support/loopback.h"
+
 namespace zol_test {
 
 namespace {
 
 constexpr std::uint32_t entry_lifetime_s = 600;
-
-bool raise_loopback() {
-  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  ifreq request{};
-  std::strcpy(request.ifr_name, "lo");
-  request.ifr_flags = IFF_UP | IFF_RUNNING;
-  const bool up = ioctl(fd, SIOCSIFFLAGS, &request) == 0;
-  close(fd);
-  return up;
-}
 
 bool turn_accounting_on() {
   std::ofstream setting("/proc/sys/net/netfilter/nf_conntrack_acct");

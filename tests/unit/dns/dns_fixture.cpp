@@ -2,10 +2,8 @@
 
 #include <arpa/inet.h>
 #include <event2/event.h>
-#include <net/if.h>
 #include <sched.h>
 #include <stdlib.h>
-#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -18,6 +16,7 @@
 
 #include "dns/resolver.h"
 #include "dns/zol_resolver.h"
+#include "tests/support/loopback.h"
 
 namespace zol_test {
 
@@ -26,16 +25,6 @@ namespace {
 constexpr unsigned patience_ms = 20000;
 
 bool own_namespaces = false;
-
-bool raise_loopback() {
-  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  ifreq request{};
-  std::strcpy(request.ifr_name, "lo");
-  request.ifr_flags = IFF_UP | IFF_RUNNING;
-  const bool up = ioctl(fd, SIOCSIFFLAGS, &request) == 0;
-  close(fd);
-  return up;
-}
 
 std::string temporary_file() {
   char name[] = "/tmp/zol_dns_XXXXXX";

@@ -1,31 +1,21 @@
 #include "own_network.h"
 
 #include <arpa/inet.h>
-#include <net/if.h>
 #include <poll.h>
 #include <sched.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <stdexcept>
 
+#include "tests/support/loopback.h"
+
 namespace zol_test {
 
 namespace {
 
 bool own_network = false;
-
-bool raise_loopback() {
-  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  ifreq request{};
-  std::strcpy(request.ifr_name, "lo");
-  request.ifr_flags = IFF_UP | IFF_RUNNING;
-  const bool up = ioctl(fd, SIOCSIFFLAGS, &request) == 0;
-  close(fd);
-  return up;
-}
 
 constexpr std::size_t dns_header_size = 12;
 
