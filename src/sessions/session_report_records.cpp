@@ -15,6 +15,9 @@ namespace {
 using libvariant::Variant;
 
 constexpr int tcp_protocol = 6;
+// Keys of a record and of a leg, without those of sites: the maps are made at their size.
+constexpr std::size_t record_keys = 24;
+constexpr std::size_t leg_keys = 18;
 constexpr std::uint64_t bits_per_second_factor = 8000;  // bytes a millisecond to bits a second
 
 const char* side_name(const SessionEndpointInfo& leg) {
@@ -63,7 +66,7 @@ void add_tcp_figures(Variant& record, const tcp_sock_info_t& tcp) {
 // What both legs of a TCP session tell. The duration wraps when the leg has no end time.
 Variant make_leg(const SessionEndpointInfo& leg, std::uint64_t start_time_ms, const char* termination_type) {
   const auto duration_ms = static_cast<std::uint32_t>(leg.end_time_ms - start_time_ms);
-  Variant record = Variant::make_map();
+  Variant record = Variant::make_map(leg_keys);
   record.Assign("incoming_bytes", *leg.incoming_bytes);
   record.Assign("outgoing_bytes", *leg.outgoing_bytes);
   record.Assign("incoming_throughput", throughput(*leg.incoming_bytes, duration_ms));
@@ -118,7 +121,7 @@ const char* non_tcp_direction(const NonTCPSessionInfo& session) {
 Variant make_session_record(const FinishedSessionsInfo& finished, const SessionInfo& session,
                             std::string session_id, zol::Services* services, const std::string& next_hop,
                             const std::string& next_hop_cname) {
-  Variant record = Variant::make_map();
+  Variant record = Variant::make_map(record_keys);
   record.Assign("session_id", std::move(session_id));
   record.Assign("ip_proto", tcp_protocol);
   record.Assign("direction", site_direction(session));
