@@ -1,5 +1,6 @@
 """Clients and targets: sockets in their namespaces, driven from the test itself."""
 import contextlib
+import itertools
 import socket
 import struct
 import threading
@@ -37,6 +38,8 @@ class Traffic:
     def __init__(self, net, timeout=20):
         self.net = net
         self.timeout = timeout
+        # Each client has a port of its own, below those that the kernel gives out: a port tells a session.
+        self.source_ports = itertools.cycle(range(20000, 32000))
         self.listeners = {}
         self.sockets = []
 
@@ -62,8 +65,7 @@ class Traffic:
         """A client's connection to the node."""
         client = self.keep(netns.socket_in(self.net.client))
         client.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        if source_port:
-            client.bind((network.CLIENT, source_port))
+        client.bind((network.CLIENT, source_port or next(self.source_ports)))
         client.connect((address, port))
         return client
 
@@ -73,8 +75,8 @@ class Traffic:
         The RST may come before the client has seen its connection stand.
         """
         client = self.keep(netns.socket_in(self.net.client))
-        client.bind((network.CLIENT, 0))
-        source_port = client.getsockname()[1]
+        source_port = next(self.source_ports)
+        client.bind((network.CLIENT, source_port))
         try:
             client.connect((address, port))
             read_to_end(client)
