@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "config/address_text.h"
 #include "sup_logger.h"
 #include "zol_helper.h"
 
@@ -93,10 +94,7 @@ bool Subnet::operator<(const Subnet& other) const {
 }
 
 std::string Subnet::to_str() const {
-  const in_addr address{htonl(first)};
-  char text[INET_ADDRSTRLEN];
-  inet_ntop(AF_INET, &address, text, sizeof text);
-  return std::string(text) + "/" + std::to_string(prefix);
+  return address_text(htonl(first)) + "/" + std::to_string(prefix);
 }
 
 std::ostream& operator<<(std::ostream& out, const Subnet& subnet) {

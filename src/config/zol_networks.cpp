@@ -1,11 +1,10 @@
 #include "config/zol_networks.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <exception>
 #include <tuple>
 
+#include "config/address_text.h"
 #include "config/zol_conf_consts.h"
 #include "ha/ha_manager.h"
 #include "ha/vrrp_state.h"
@@ -39,12 +38,6 @@ bool read_member(const std::string& path, const char* member, T& value) {
 bool read_row(const std::string& path, interface_info_t& row) {
   read_member(path, "interface", row.interface);
   return read_member(path, "external_ip", row.external_ip) && read_member(path, "is_private", row.is_private);
-}
-
-std::string dotted(unsigned int ip) {
-  char text[INET_ADDRSTRLEN];
-  inet_ntop(AF_INET, &ip, text, sizeof text);
-  return text;
 }
 
 bool is_plain(const interface_info_t& row) {
@@ -152,13 +145,13 @@ void ZOLNetworks::merge_floatings(const std::set<std::string>& addresses) {
 }
 
 bool ZOLNetworks::is_my_private_ip(unsigned int ip) const {
-  const std::string address = dotted(ip);
+  const std::string address = address_text(ip);
   return std::any_of(interfaces.begin(), interfaces.end(),
                      [&](const interface_info_t& row) { return row.interface == address; });
 }
 
 bool ZOLNetworks::is_private_network(unsigned int ip) const {
-  const std::string address = dotted(ip);
+  const std::string address = address_text(ip);
   return Helper::is_private_address(address) && hop_map.get_all_peer_ips(false).contains(address);
 }
 

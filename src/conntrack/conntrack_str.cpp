@@ -1,7 +1,6 @@
 #include "conntrack/conntrack_str.h"
 
-#include <arpa/inet.h>
-
+#include "config/address_text.h"
 #include "conntrack/nfconntrack.h"
 #include "zol_helper.h"
 
@@ -18,9 +17,7 @@ std::string ct_ntoa_s(const nf_conntrack* ct) {
 }
 
 std::string inet_ntoa_s(in_addr address) {
-  char text[INET_ADDRSTRLEN];
-  inet_ntop(AF_INET, &address, text, sizeof text);
-  return text;
+  return zol::address_text(address.s_addr);
 }
 
 }  // namespace zol_monitor

@@ -1,9 +1,8 @@
 // Messages of the node's other processes that tell of single happenings.
-#include <arpa/inet.h>
-
 #include <cstring>
 #include <string>
 
+#include "config/address_text.h"
 #include "core/zol_monitor.h"
 #include "sup_logger.h"
 
@@ -16,20 +15,15 @@ SupLogger& logger() {
   return instance;
 }
 
-std::string dotted(std::uint32_t address) {
-  in_addr in{};
-  in.s_addr = address;
-  return inet_ntoa(in);
-}
-
 }  // namespace
 
 void ZOLMonitor::failure_notify(ipc_failure_msg_t* msg) {
   if (msg->status != 0)
     return;
   for (std::size_t i = 0; i < msg->count && i < std::size(msg->ports); ++i)
-    SUP_LOG(logger(), log_level::notice) << "failure_notify"
-                                         << ": failure of " << dotted(msg->address) << ":" << +msg->ports[i];
+    SUP_LOG(logger(), log_level::notice)
+        << "failure_notify"
+        << ": failure of " << zol::address_text(msg->address) << ":" << +msg->ports[i];
 }
 
 void ZOLMonitor::failopen_notify(ipc_failopen_msg_t* msg) {
@@ -47,7 +41,7 @@ void ZOLMonitor::bh_event_notify(ipc_bh_event_msg_t* msg) {
 
 void ZOLMonitor::bgp_provider_fail_notify(ipc_bgp_provider_fail_msg_t* msg) {
   SUP_LOG(logger(), log_level::notice) << "bgp_provider_fail_notify"
-                                       << ": provider BGP failed at " << dotted(msg->address);
+                                       << ": provider BGP failed at " << zol::address_text(msg->address);
 }
 
 void ZOLMonitor::next_hop_api_event(ipcmsg_t*) {
@@ -57,7 +51,7 @@ void ZOLMonitor::next_hop_api_event(ipcmsg_t*) {
 
 void ZOLMonitor::routing_anomaly_notify(ipc_routing_anomaly_msg_t* msg) {
   SUP_LOG(logger(), log_level::notice) << "routing_anomaly_notify"
-                                       << ": routing anomaly towards " << dotted(msg->values[0]);
+                                       << ": routing anomaly towards " << zol::address_text(msg->values[0]);
 }
 
 }  // namespace zol_monitor

@@ -1,10 +1,9 @@
 #include "dns/resolver.h"
 
-#include <arpa/inet.h>
-
 #include <set>
 #include <utility>
 
+#include "config/address_text.h"
 #include "dns/zol_resolver.h"
 #include "sup_logger.h"
 #include "zol_helper.h"
@@ -49,11 +48,8 @@ void drop(Request* request) {
 
 std::list<std::string> to_text(const std::list<in_addr>& addresses) {
   std::list<std::string> ips;
-  for (const in_addr& address : addresses) {
-    char text[INET_ADDRSTRLEN];
-    inet_ntop(AF_INET, &address, text, sizeof text);
-    ips.emplace_back(text);
-  }
+  for (const in_addr& address : addresses)
+    ips.push_back(address_text(address.s_addr));
   return ips;
 }
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <ostream>
 
+#include "config/address_text.h"
 #include "config/zol_conf_consts.h"
-#include "sessions/address_text.h"
 #include "sessions/settings.h"
 #include "sites/vpn_sites_services.h"
 #include "zol_helper.h"
@@ -22,7 +22,7 @@ void set_endpoint_vpn_data(SessionEndpointInfo& endpoint, std::uint32_t address,
                            zol::SiteServicesBase* sites) {
   if (address == 0 || address == htonl(INADDR_LOOPBACK) || !endpoint.gateway_ip.empty())
     return;
-  zol::SiteConnRecord record = sites->get_site_record(address_text(address));
+  zol::SiteConnRecord record = sites->get_site_record(zol::address_text(address));
   const bool is_connection = record.record_type == zol::ConnRecordType::site;
   endpoint.is_site = is_connection || record.record_type == zol::ConnRecordType::bgp_route;
   if (!is_connection)
@@ -102,7 +102,7 @@ std::string NonTCPSessionInfo::gen_session_id() const {
   std::string network;
   lookup_setting(zol_conf_consts::general_network_id_key, network);
   return "[" + network + "@" + std::to_string(start_time_ms / session_id_slot_ms) +
-         "]:" + address_text(client_ip) + "==>" + address_text(next_hop_ip);
+         "]:" + zol::address_text(client_ip) + "==>" + zol::address_text(next_hop_ip);
 }
 
 }  // namespace zol_monitor

@@ -2,9 +2,9 @@
 
 #include <utility>
 
+#include "config/address_text.h"
 #include "config/services.h"
 #include "dual_zol_helper.h"
-#include "sessions/address_text.h"
 #include "sessions/finished_sessions.h"
 #include "zol_helper.h"
 
@@ -85,7 +85,7 @@ Variant make_in_leg(const FinishedSessionsInfo& finished, const SessionInfo& ses
   const SessionEndpointInfo& leg = *session.in;
   Variant record = make_leg(leg, session.start_time_ms,
                             finished.termination_reason_to_string(leg.termination_reason, true));
-  record.Assign("destination_ip", address_text(leg.destination_ip));
+  record.Assign("destination_ip", zol::address_text(leg.destination_ip));
   return record;
 }
 
@@ -127,8 +127,8 @@ Variant make_session_record(const FinishedSessionsInfo& finished, const SessionI
   record.Assign("direction", site_direction(session));
   add_next_hop(record, session, services, next_hop, next_hop_cname);
   record.Assign("hop_location", hop_location(session));
-  record.Assign("next_hop_ip", address_text(session.next_hop_ip));
-  record.Assign("ip", address_text(session.client_ip));
+  record.Assign("next_hop_ip", zol::address_text(session.next_hop_ip));
+  record.Assign("ip", zol::address_text(session.client_ip));
   record.Assign("source_port", int{session.client_port});
   record.Assign("start_time", zol::Helper::get_timestamp_gmt_format_ms(session.start_time_ms));
   record.Assign("end_time", zol::Helper::get_timestamp_gmt_format_ms(session.in->end_time_ms));
@@ -151,7 +151,7 @@ Variant make_non_tcp_record(const NonTCPSessionInfo& session, bool is_gxe) {
   Variant record = Variant::make_map();
   record.Assign("session_id", session.gen_session_id());
   record.Assign("ip_proto", session.protonum);
-  record.Assign("ip", address_text(session.client_ip));
+  record.Assign("ip", zol::address_text(session.client_ip));
   record.Assign("zol_version", zol_version());
   record.Assign("start_time", zol::Helper::get_timestamp_gmt_format_ms(session.start_time_ms));
   record.Assign("end_time", zol::Helper::get_timestamp_gmt_format_ms(session.last_seen_ms));
@@ -163,7 +163,7 @@ Variant make_non_tcp_record(const NonTCPSessionInfo& session, bool is_gxe) {
   record.Assign("direction", is_gxe ? site_direction(session) : std::string(non_tcp_direction(session)));
   Variant in = Variant::make_map();
   in.Assign("incoming_bytes", session.bytes);
-  in.Assign("destination_ip", address_text(session.next_hop_ip));
+  in.Assign("destination_ip", zol::address_text(session.next_hop_ip));
   add_site_keys(in, *session.in);
   record.Assign("in_if", std::move(in));
   Variant out = Variant::make_map();

@@ -1,17 +1,18 @@
 // The flows of other protocols than TCP.
 #include <utility>
 
-#include "sessions/address_text.h"
+#include "config/address_text.h"
 #include "sessions/zol_sessions.h"
 
 namespace zol_monitor {
 
 std::string ZOLSessions::gen_non_tcp_key(std::uint32_t protonum, std::uint32_t src, std::uint32_t dst,
                                          int src_port, int dst_port) {
-  std::string key = "[" + std::to_string(protonum) + "]:" + address_text(src);
+  std::string key = "[" + std::to_string(protonum) + "]:" + zol::address_text(src);
   if (src_port == 0 && dst_port == 0)
-    return key + "==>" + address_text(dst);
-  return key + ":" + std::to_string(src_port) + "==>" + address_text(dst) + ":" + std::to_string(dst_port);
+    return key + "==>" + zol::address_text(dst);
+  return key + ":" + std::to_string(src_port) + "==>" + zol::address_text(dst) + ":" +
+         std::to_string(dst_port);
 }
 
 void ZOLSessions::update_non_tcp_traffic(std::uint32_t protonum, std::uint32_t src, std::uint32_t dst,

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-namespace zol_monitor {
+namespace zol {
 
 // `address` in network order, unmasked: for keys and reports. A log line takes Helper::make_log_addr.
 inline std::string address_text(std::uint32_t address) {
@@ -15,4 +15,4 @@ inline std::string address_text(std::uint32_t address) {
   return text;
 }
 
-}  // namespace zol_monitor
+}  // namespace zol
