@@ -15,6 +15,8 @@ class SiteServicesBase;
 
 namespace zol_monitor {
 
+class ConntrackStatesManager;
+
 // Main thread only. The pointers are not owned and outlive the object.
 class MonitorData {
  public:
@@ -26,6 +28,8 @@ class MonitorData {
 
   zol::Services* services;
   zol::SiteServicesBase* site_services;
+  // The memory of connection counters; null until the monitor has made it, and again when it goes.
+  ConntrackStatesManager* states_manager = nullptr;
   ZOLSessions sessions;
   ConntrackEvents conntrack;
   TCPDiagInfo tcp_diag;
