@@ -90,6 +90,8 @@ class Variant {
   Variant& Set(const S& key, Variant value) {  // NOLINT(performance-unnecessary-value-param): it is moved
     return set_copied(key, std::move(value));
   }
+  // Assign for a key that the map doesn't have yet, without the search; the caller vouches for that.
+  Variant& Add(LiteralKey key, Variant value) { return append_entry(key.text(), std::move(value)); }
   // The value of a key; a null Variant, not stored, when the key is missing.
   const Variant& At(std::string_view key) const;
   Variant* Find(std::string_view key);
@@ -139,6 +141,7 @@ class Variant {
 
   bool become_map();
   Variant& put(std::string_view key, bool literal, bool replace, Variant value);
+  Variant& append_entry(std::string_view key, Variant value);
   Variant& assign_copied(std::string_view key, Variant value) {
     return put(key, false, true, std::move(value));
   }

@@ -223,6 +223,12 @@ Variant& Variant::put(std::string_view key, bool literal, bool replace, Variant 
   return *present;
 }
 
+Variant& Variant::append_entry(std::string_view key, Variant value) {
+  if (!become_map())
+    return discarded();
+  return payload_.map->add(MapEntry(key, true, std::move(value)));
+}
+
 const Variant& Variant::At(std::string_view key) const {
   const Variant* found = IsMap() ? payload_.map->find(key) : nullptr;
   return found == nullptr ? shared_null() : *found;

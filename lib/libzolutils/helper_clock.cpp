@@ -1,6 +1,6 @@
 // Clocks and time stamps of zol::Helper.
 #include <array>
-#include <cstdio>
+#include <utility>
 
 #include "zol_helper.h"
 
@@ -16,14 +16,41 @@ std::int64_t difference_ns(const timespec& from, const timespec& to) {
   return (to.tv_sec - from.tv_sec) * ns_a_second + (to.tv_nsec - from.tv_nsec);
 }
 
-// `tail` stands between the seconds and the "Z"; empty for a year that the calendar can't tell.
-std::string format_gmt(time_t seconds, const char* tail) {
+void put_digits(std::string& text, int value, int digits) {
+  const std::size_t start = text.size();
+  text.resize(start + static_cast<std::size_t>(digits));
+  for (int at = digits; at-- > 0; value /= 10)
+    text[start + static_cast<std::size_t>(at)] = static_cast<char>('0' + value % 10);
+}
+
+// `milliseconds` below 0 are left out. Empty for a year that the calendar can't tell. By hand: each session's
+// report has two of these, and strftime goes through the locale.
+std::string format_gmt(time_t seconds, int milliseconds) {
   std::tm parts;
   if (::gmtime_r(&seconds, &parts) == nullptr)
     return {};
-  std::array<char, 64> text;
-  const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &parts);
-  return std::string(text.data(), length) + tail + "Z";
+  std::string text;
+  text.reserve(sizeof "2026-11-21T08:02:03.123Z");
+  const int year = parts.tm_year + 1900;
+  if (year >= 0 && year <= 9999)
+    put_digits(text, year, 4);
+  else
+    text += std::to_string(year);
+  const std::array<std::pair<char, int>, 5> fields{{{'-', parts.tm_mon + 1},
+                                                    {'-', parts.tm_mday},
+                                                    {'T', parts.tm_hour},
+                                                    {':', parts.tm_min},
+                                                    {':', parts.tm_sec}}};
+  for (const auto& [separator, value] : fields) {
+    text += separator;
+    put_digits(text, value, 2);
+  }
+  if (milliseconds >= 0) {
+    text += '.';
+    put_digits(text, milliseconds, 3);
+  }
+  text += 'Z';
+  return text;
 }
 
 }  // namespace
@@ -52,11 +79,11 @@ unsigned Helper::convert_us_to_ms(unsigned us) {
 }
 
 std::string Helper::get_timestamp_gmt_format() {
-  return format_gmt(std::time(nullptr), "");
+  return format_gmt(std::time(nullptr), -1);
 }
 
 std::string Helper::get_timestamp_gmt_format(const long* seconds) {
-  return seconds == nullptr ? get_timestamp_gmt_format() : format_gmt(*seconds, "");
+  return seconds == nullptr ? get_timestamp_gmt_format() : format_gmt(*seconds, -1);
 }
 
 std::string Helper::get_timestamp_gmt_format_ms() {
@@ -64,9 +91,8 @@ std::string Helper::get_timestamp_gmt_format_ms() {
 }
 
 std::string Helper::get_timestamp_gmt_format_ms(std::uint64_t milliseconds) {
-  std::array<char, 8> tail;
-  std::snprintf(tail.data(), tail.size(), ".%03u", static_cast<unsigned>(milliseconds % ms_a_second));
-  return format_gmt(static_cast<time_t>(milliseconds / ms_a_second), tail.data());
+  return format_gmt(static_cast<time_t>(milliseconds / ms_a_second),
+                    static_cast<int>(milliseconds % ms_a_second));
 }
 
 }  // namespace zol

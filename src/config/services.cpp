@@ -5,6 +5,7 @@
 #include <cstring>
 #include <utility>
 
+#include "config/cached_setting.h"
 #include "config/zol_conf_consts.h"
 #include "dual_zol_helper.h"
 #include "shared_object.h"
@@ -46,8 +47,8 @@ const Service* find_by_entry(const std::vector<Service>& services, const std::st
   return found != services.end() ? &*found : nullptr;
 }
 
-bool lookup_port_limit(const char* key, int& limit) {
-  if (TheConfigurator::get_configuration()->config.lookupValue(key, limit))
+bool lookup_port_limit(CachedSetting<int>& setting, const char* key, int& limit) {
+  if (setting.lookup(limit))
     return true;
   SUP_LOG(logger(), log_level::error) << "is_internal_port"
                                       << ": Couldn't retrive configuration parameter " << key;
@@ -193,10 +194,14 @@ bool Services::is_shared_port(std::uint16_t port) const {
 }
 
 bool Services::is_internal_port(std::uint16_t port) {
+  static const char* const start_key = zol_conf_consts::iptables_internal_port_range_start_key;
+  static const char* const end_key = zol_conf_consts::iptables_internal_port_range_end_key;
+  static CachedSetting<int> start_setting(start_key);
+  static CachedSetting<int> end_setting(end_key);
   int first = 0;
   int last = 0;
-  const bool has_first = lookup_port_limit(zol_conf_consts::iptables_internal_port_range_start_key, first);
-  const bool has_last = lookup_port_limit(zol_conf_consts::iptables_internal_port_range_end_key, last);
+  const bool has_first = lookup_port_limit(start_setting, start_key, first);
+  const bool has_last = lookup_port_limit(end_setting, end_key, last);
   return has_first && has_last && first <= port && port <= last;
 }
 

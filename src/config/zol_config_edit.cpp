@@ -36,6 +36,7 @@ Setting& AConfigurator::setting_at(const std::string& key) const {
 }
 
 bool AConfigurator::del_value(const std::string& key) {
+  ++generation;
   try {
     if (!key.empty() && !config.exists(key))
       return true;
@@ -52,6 +53,7 @@ bool AConfigurator::del_value(const std::string& key) {
 }
 
 Setting& AConfigurator::add_branch(const std::string& path, std::string& leaf) {
+  ++generation;
   Setting* parent = &config.getRoot();
   std::size_t start = 0;
   for (std::size_t point = path.find('.'); point != std::string::npos; point = path.find('.', start)) {
@@ -120,6 +122,7 @@ bool AConfigurator::clear_array_key(const std::string& key) {
 template <typename T>
 bool AConfigurator::add_element(const std::string& key, Setting::Type container, Setting::Type type,
                                 const T& value) {
+  ++generation;
   return attempt(false, [&] {
     Setting& parent = setting_at(key);
     if (parent.getType() != container)
@@ -178,6 +181,7 @@ bool AConfigurator::add_array_element(const std::string& key, const std::string&
 }
 
 bool AConfigurator::add_empty_element(const std::string& key, Setting::Type type) {
+  ++generation;
   return attempt(false, [&] {
     Setting& parent = setting_at(key);
     if (!parent.isList())

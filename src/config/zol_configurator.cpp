@@ -97,6 +97,7 @@ AConfigurator::~AConfigurator() = default;
 
 void AConfigurator::read_file() {
   lock.read_lock();
+  ++generation;
   try {
     // libconfig drops the tree before it parses: a broken file is to be found before the good tree is gone.
     libconfig::Config probe;
@@ -208,6 +209,7 @@ AConfigurator* TheConfigurator::get_configuration() {
 
 void TheConfigurator::set_configurator(AConfigurator* configurator) {
   injected = configurator;
+  ++AConfigurator::generation;
 }
 
 bool TheConfigurator::is_adj_zol(unsigned short port) {

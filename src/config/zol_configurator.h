@@ -156,6 +156,10 @@ class AConfigurator {
 
   libconfig::Config config;
 
+  // Rises with each change of any configurator's tree made through its operations, and when another tree
+  // takes the place of the process's own. Whoever edits `config` itself raises it too.
+  static inline std::uint64_t generation = 1;
+
  protected:
   // An empty key is the root. Throws libconfig::SettingNotFoundException.
   libconfig::Setting& setting_at(const std::string& key) const;

@@ -2,10 +2,10 @@
 
 #include <cmath>
 
+#include "config/cached_setting.h"
 #include "config/zol_conf_consts.h"
 #include "sessions/session_report_records.h"
 #include "sessions/sessions_log.h"
-#include "sessions/settings.h"
 #include "sup_logger.h"
 #include "zol_helper.h"
 
@@ -62,8 +62,10 @@ FinishedSessionsInfo::FinishedSessionsInfo() : sessions(libvariant::Variant::mak
 void FinishedSessionsInfo::insert_session(const std::shared_ptr<SessionInfo>& session,
                                           zol::Services* services, const std::string& next_hop,
                                           const std::string& next_hop_cname) {
+  static zol::CachedSetting<bool> report_incomplete_setting(
+      zol_conf_consts::monitoring_report_incomplete_sessions_key);
   bool report_incomplete = true;
-  lookup_setting(zol_conf_consts::monitoring_report_incomplete_sessions_key, report_incomplete);
+  report_incomplete_setting.lookup(report_incomplete);
   if (!report_incomplete && is_session_incomplete(session)) {
     ++incomplete_count;
     return;
@@ -88,8 +90,10 @@ void FinishedSessionsInfo::insert_non_tcp_session(const std::shared_ptr<NonTCPSe
 }
 
 bool FinishedSessionsInfo::is_max_sessions_reached() const {
+  static zol::CachedSetting<unsigned> max_sessions_setting(
+      zol_conf_consts::monitoring_session_report_max_sessions_key);
   unsigned max_sessions = 0;
-  lookup_setting(zol_conf_consts::monitoring_session_report_max_sessions_key, max_sessions);
+  max_sessions_setting.lookup(max_sessions);
   return max_sessions != 0 && reported_count >= max_sessions;
 }
 

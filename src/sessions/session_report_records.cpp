@@ -46,37 +46,37 @@ std::uint32_t utilization(std::uint32_t duration_ms, std::uint32_t unused_ms) {
 void add_site_keys(Variant& record, const SessionEndpointInfo& leg) {
   if (leg.gateway_ip.empty())
     return;
-  record.Assign("gateway_ip", leg.gateway_ip);
-  record.Assign("site_id", leg.site_id);
-  record.Assign("entry_id", leg.entry_id);
-  record.Assign("metadata", leg.metadata);
+  record.Add("gateway_ip", leg.gateway_ip);
+  record.Add("site_id", leg.site_id);
+  record.Add("entry_id", leg.entry_id);
+  record.Add("metadata", leg.metadata);
 }
 
 void add_tcp_figures(Variant& record, const tcp_sock_info_t& tcp) {
-  record.Assign("retransmissions", static_cast<std::int32_t>(tcp.total_retrans));
-  record.Assign("rtt", zol::Helper::convert_us_to_ms(tcp.rtt));
-  record.Assign("received_window_scale", static_cast<std::int32_t>(tcp.received_wscale));
-  record.Assign("sent_window_scale", static_cast<std::int32_t>(tcp.sent_wscale));
-  record.Assign("congestion_window", static_cast<std::int32_t>(tcp.cwnd));
-  record.Assign("slow_start_threshold", static_cast<std::int32_t>(tcp.ssthresh));
-  record.Assign("unacked", tcp.unacked);
-  record.Assign("mss", static_cast<std::int32_t>(tcp.mss));
+  record.Add("retransmissions", static_cast<std::int32_t>(tcp.total_retrans));
+  record.Add("rtt", zol::Helper::convert_us_to_ms(tcp.rtt));
+  record.Add("received_window_scale", static_cast<std::int32_t>(tcp.received_wscale));
+  record.Add("sent_window_scale", static_cast<std::int32_t>(tcp.sent_wscale));
+  record.Add("congestion_window", static_cast<std::int32_t>(tcp.cwnd));
+  record.Add("slow_start_threshold", static_cast<std::int32_t>(tcp.ssthresh));
+  record.Add("unacked", tcp.unacked);
+  record.Add("mss", static_cast<std::int32_t>(tcp.mss));
 }
 
 // What both legs of a TCP session tell. The duration wraps when the leg has no end time.
 Variant make_leg(const SessionEndpointInfo& leg, std::uint64_t start_time_ms, const char* termination_type) {
   const auto duration_ms = static_cast<std::uint32_t>(leg.end_time_ms - start_time_ms);
   Variant record = Variant::make_map(leg_keys);
-  record.Assign("incoming_bytes", *leg.incoming_bytes);
-  record.Assign("outgoing_bytes", *leg.outgoing_bytes);
-  record.Assign("incoming_throughput", throughput(*leg.incoming_bytes, duration_ms));
-  record.Assign("outgoing_throughput", throughput(*leg.outgoing_bytes, duration_ms));
-  record.Assign("termination_type", termination_type);
+  record.Add("incoming_bytes", *leg.incoming_bytes);
+  record.Add("outgoing_bytes", *leg.outgoing_bytes);
+  record.Add("incoming_throughput", throughput(*leg.incoming_bytes, duration_ms));
+  record.Add("outgoing_throughput", throughput(*leg.outgoing_bytes, duration_ms));
+  record.Add("termination_type", termination_type);
   add_tcp_figures(record, leg.tcp_info);
-  record.Assign("read_idle_time_ms", leg.read_idle_time_ms);
-  record.Assign("write_congestion_time_ms", leg.write_congestion_time_ms);
-  record.Assign("read_utilization_percentage", utilization(duration_ms, leg.read_idle_time_ms));
-  record.Assign("write_utilization_percentage", utilization(duration_ms, leg.write_congestion_time_ms));
+  record.Add("read_idle_time_ms", leg.read_idle_time_ms);
+  record.Add("write_congestion_time_ms", leg.write_congestion_time_ms);
+  record.Add("read_utilization_percentage", utilization(duration_ms, leg.read_idle_time_ms));
+  record.Add("write_utilization_percentage", utilization(duration_ms, leg.write_congestion_time_ms));
   add_site_keys(record, leg);
   return record;
 }
@@ -85,7 +85,7 @@ Variant make_in_leg(const FinishedSessionsInfo& finished, const SessionInfo& ses
   const SessionEndpointInfo& leg = *session.in;
   Variant record = make_leg(leg, session.start_time_ms,
                             finished.termination_reason_to_string(leg.termination_reason, true));
-  record.Assign("destination_ip", zol::address_text(leg.destination_ip));
+  record.Add("destination_ip", zol::address_text(leg.destination_ip));
   return record;
 }
 
@@ -93,7 +93,7 @@ Variant make_out_leg(const FinishedSessionsInfo& finished, const SessionInfo& se
   const SessionEndpointInfo& leg = *session.out;
   Variant record = make_leg(leg, session.start_time_ms,
                             finished.termination_reason_to_string(leg.termination_reason, false));
-  record.Assign("source_port", int{leg.port});
+  record.Add("source_port", int{leg.port});
   return record;
 }
 
@@ -104,11 +104,11 @@ std::string zol_version() {
 void add_next_hop(Variant& record, const SessionInfo& session, zol::Services* services,
                   const std::string& next_hop, const std::string& next_hop_cname) {
   if (session.is_next_hop_zol) {
-    record.Assign("next_hop", next_hop);
-    record.Assign("next_hop_cname", next_hop_cname);
+    record.Add("next_hop", next_hop);
+    record.Add("next_hop_cname", next_hop_cname);
   } else {
-    record.Assign("next_hop", services->get_target_by_logical_net_id(session.network_id));
-    record.Assign("next_hop_cname", "");
+    record.Add("next_hop", services->get_target_by_logical_net_id(session.network_id));
+    record.Add("next_hop_cname", "");
   }
 }
 
@@ -122,54 +122,54 @@ Variant make_session_record(const FinishedSessionsInfo& finished, const SessionI
                             std::string session_id, zol::Services* services, const std::string& next_hop,
                             const std::string& next_hop_cname) {
   Variant record = Variant::make_map(record_keys);
-  record.Assign("session_id", std::move(session_id));
-  record.Assign("ip_proto", tcp_protocol);
-  record.Assign("direction", site_direction(session));
+  record.Add("session_id", std::move(session_id));
+  record.Add("ip_proto", tcp_protocol);
+  record.Add("direction", site_direction(session));
   add_next_hop(record, session, services, next_hop, next_hop_cname);
-  record.Assign("hop_location", hop_location(session));
-  record.Assign("next_hop_ip", zol::address_text(session.next_hop_ip));
-  record.Assign("ip", zol::address_text(session.client_ip));
-  record.Assign("source_port", int{session.client_port});
-  record.Assign("start_time", zol::Helper::get_timestamp_gmt_format_ms(session.start_time_ms));
-  record.Assign("end_time", zol::Helper::get_timestamp_gmt_format_ms(session.in->end_time_ms));
-  record.Assign("domain_name", session.domain_name);
+  record.Add("hop_location", hop_location(session));
+  record.Add("next_hop_ip", zol::address_text(session.next_hop_ip));
+  record.Add("ip", zol::address_text(session.client_ip));
+  record.Add("source_port", int{session.client_port});
+  record.Add("start_time", zol::Helper::get_timestamp_gmt_format_ms(session.start_time_ms));
+  record.Add("end_time", zol::Helper::get_timestamp_gmt_format_ms(session.in->end_time_ms));
+  record.Add("domain_name", session.domain_name);
   if (!session.user_agent.empty())
-    record.Assign("user_agent", session.user_agent);
-  record.Assign("vbn_id", session.network_id);
-  record.Assign("service_port", int{session.service_port});
-  record.Assign("hop_order", int{session.hop_order} + 1);
-  record.Assign("failopen", session.failopen);
-  record.Assign("connection_recover", session.connection_recover);
-  record.Assign("retries_count", int{session.retries_count});
-  record.Assign("zol_version", zol_version());
-  record.Assign("in_if", make_in_leg(finished, session));
-  record.Assign("out_if", make_out_leg(finished, session));
+    record.Add("user_agent", session.user_agent);
+  record.Add("vbn_id", session.network_id);
+  record.Add("service_port", int{session.service_port});
+  record.Add("hop_order", int{session.hop_order} + 1);
+  record.Add("failopen", session.failopen);
+  record.Add("connection_recover", session.connection_recover);
+  record.Add("retries_count", int{session.retries_count});
+  record.Add("zol_version", zol_version());
+  record.Add("in_if", make_in_leg(finished, session));
+  record.Add("out_if", make_out_leg(finished, session));
   return record;
 }
 
 Variant make_non_tcp_record(const NonTCPSessionInfo& session, bool is_gxe) {
   Variant record = Variant::make_map();
-  record.Assign("session_id", session.gen_session_id());
-  record.Assign("ip_proto", session.protonum);
-  record.Assign("ip", zol::address_text(session.client_ip));
-  record.Assign("zol_version", zol_version());
-  record.Assign("start_time", zol::Helper::get_timestamp_gmt_format_ms(session.start_time_ms));
-  record.Assign("end_time", zol::Helper::get_timestamp_gmt_format_ms(session.last_seen_ms));
-  record.Assign("vbn_id", is_gxe ? std::string("Dummy") : session.network_id);
+  record.Add("session_id", session.gen_session_id());
+  record.Add("ip_proto", session.protonum);
+  record.Add("ip", zol::address_text(session.client_ip));
+  record.Add("zol_version", zol_version());
+  record.Add("start_time", zol::Helper::get_timestamp_gmt_format_ms(session.start_time_ms));
+  record.Add("end_time", zol::Helper::get_timestamp_gmt_format_ms(session.last_seen_ms));
+  record.Add("vbn_id", is_gxe ? std::string("Dummy") : session.network_id);
   if (session.dst_port != 0)
-    record.Assign("service_port", session.dst_port);
+    record.Add("service_port", session.dst_port);
   if (session.src_port != 0)
-    record.Assign("source_port", session.src_port);
-  record.Assign("direction", is_gxe ? site_direction(session) : std::string(non_tcp_direction(session)));
+    record.Add("source_port", session.src_port);
+  record.Add("direction", is_gxe ? site_direction(session) : std::string(non_tcp_direction(session)));
   Variant in = Variant::make_map();
-  in.Assign("incoming_bytes", session.bytes);
-  in.Assign("destination_ip", zol::address_text(session.next_hop_ip));
+  in.Add("incoming_bytes", session.bytes);
+  in.Add("destination_ip", zol::address_text(session.next_hop_ip));
   add_site_keys(in, *session.in);
-  record.Assign("in_if", std::move(in));
+  record.Add("in_if", std::move(in));
   Variant out = Variant::make_map();
-  out.Assign("outgoing_bytes", session.bytes);
+  out.Add("outgoing_bytes", session.bytes);
   add_site_keys(out, *session.out);
-  record.Assign("out_if", std::move(out));
+  record.Add("out_if", std::move(out));
   return record;
 }
 

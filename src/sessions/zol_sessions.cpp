@@ -1,8 +1,8 @@
 #include "sessions/zol_sessions.h"
 
+#include "config/cached_setting.h"
 #include "config/zol_conf_consts.h"
 #include "sessions/sessions_log.h"
-#include "sessions/settings.h"
 
 namespace zol_monitor {
 
@@ -58,8 +58,9 @@ void ZOLSessions::unlist(SessionInfo& session) {
 namespace {
 
 int session_report_resolution_ms() {
+  static zol::CachedSetting<int> setting(zol_conf_consts::monitoring_session_report_resolution_ms_key);
   int resolution = 0;
-  lookup_setting(zol_conf_consts::monitoring_session_report_resolution_ms_key, resolution);
+  setting.lookup(resolution);
   return resolution;
 }
 

@@ -39,6 +39,23 @@ TEST(VariantMap, assign_and_set) {
   EXPECT_EQ(map.At("a").AsInt(), 2);
 }
 
+// Verifies that Add puts new keys behind each other, past the size at which a map gets its index too, and that
+// on another kind it does nothing.
+TEST(VariantMap, add) {
+  Variant map;
+  EXPECT_EQ(map.Add("first", 1).AsInt(), 1);
+  map.Add("second", 2);
+  EXPECT_THAT(keys_of(map), ElementsAre("first", "second"));
+  Variant large = map_of(40);
+  large.Add("last", 7);
+  EXPECT_EQ(large.At("last").AsInt(), 7);
+  EXPECT_EQ(large.Assign("last", 8).AsInt(), 8);
+  EXPECT_EQ(large.Size(), 41U);
+  Variant number(7);
+  number.Add("key", 1);
+  EXPECT_EQ(number.AsInt(), 7);
+}
+
 // Verifies that a literal key and a copied key of the same text are one key.
 TEST(VariantMap, literal_and_copied_keys_are_the_same) {
   Variant map;
