@@ -58,10 +58,10 @@ class Variant {
   Variant(const std::string& value);  // NOLINT
   Variant(std::string_view value);    // NOLINT
   Variant(const Variant& other);
-  Variant(Variant&& other) noexcept;
+  Variant(Variant&& other) noexcept { take_content(other); }
   Variant& operator=(const Variant& other);
   Variant& operator=(Variant&& other) noexcept;
-  ~Variant();
+  ~Variant() { release(); }
 
   static Variant make_map(std::size_t expected_keys = 0);
   static Variant make_list();
@@ -134,10 +134,10 @@ class Variant {
   struct DoubleTag {};
   struct SignedTag {};
   struct UnsignedTag {};
-  Variant(BoolTag, bool value) noexcept;
-  Variant(DoubleTag, double value) noexcept;
-  Variant(SignedTag, std::int64_t value) noexcept;
-  Variant(UnsignedTag, std::uint64_t value) noexcept;
+  Variant(BoolTag, bool value) noexcept : payload_{.boolean = value}, kind_(Kind::Bool) {}
+  Variant(DoubleTag, double value) noexcept : payload_{.real = value}, kind_(Kind::Double) {}
+  Variant(SignedTag, std::int64_t value) noexcept : payload_{.number = value}, kind_(Kind::Signed) {}
+  Variant(UnsignedTag, std::uint64_t value) noexcept : payload_{.natural = value}, kind_(Kind::Unsigned) {}
 
   bool become_map();
   Variant& put(std::string_view key, bool literal, bool replace, Variant value);
@@ -154,8 +154,18 @@ class Variant {
   void hold_text(std::string_view text);
   std::string_view text() const;
   void copy_content(const Variant& other);
-  void take_content(Variant& other) noexcept;
-  void release() noexcept;
+  // Inline, as all that happens to a number on its way into a map: a session's report has sixty.
+  void take_content(Variant& other) noexcept {
+    payload_ = other.payload_;
+    kind_ = std::exchange(other.kind_, Kind::Null);
+    text_size_ = other.text_size_;
+  }
+  void release() noexcept {
+    if (kind_ > Kind::String || (kind_ == Kind::String && text_size_ == text_on_heap))
+      release_storage();
+    kind_ = Kind::Null;
+  }
+  void release_storage() noexcept;
 
   static constexpr std::uint8_t text_on_heap = 0xff;
 

@@ -70,18 +70,6 @@ bool equal_numbers(const Variant& a, const Variant& b) {
 
 // --- making, copying, moving
 
-Variant::Variant(BoolTag, bool value) noexcept : kind_(Kind::Bool) {
-  payload_.boolean = value;
-}
-Variant::Variant(SignedTag, std::int64_t value) noexcept : kind_(Kind::Signed) {
-  payload_.number = value;
-}
-Variant::Variant(UnsignedTag, std::uint64_t value) noexcept : kind_(Kind::Unsigned) {
-  payload_.natural = value;
-}
-Variant::Variant(DoubleTag, double value) noexcept : kind_(Kind::Double) {
-  payload_.real = value;
-}
 Variant::Variant(const char* value) {
   hold_text(value == nullptr ? std::string_view() : value);
 }
@@ -93,12 +81,6 @@ Variant::Variant(std::string_view value) {
 }
 Variant::Variant(const Variant& other) {
   copy_content(other);
-}
-Variant::Variant(Variant&& other) noexcept {
-  take_content(other);
-}
-Variant::~Variant() {
-  release();
 }
 
 Variant& Variant::operator=(const Variant& other) {
@@ -151,17 +133,10 @@ void Variant::copy_content(const Variant& other) {
   kind_ = other.kind_;
 }
 
-void Variant::take_content(Variant& other) noexcept {
-  payload_ = std::exchange(other.payload_, Payload{.natural = 0});
-  kind_ = std::exchange(other.kind_, Kind::Null);
-  text_size_ = std::exchange(other.text_size_, std::uint8_t{0});
-}
-
-void Variant::release() noexcept {
+void Variant::release_storage() noexcept {
   switch (kind_) {
     case Kind::String:
-      if (text_size_ == text_on_heap)
-        delete[] payload_.long_text;
+      delete[] payload_.long_text;
       break;
     case Kind::List:
       delete payload_.list;
@@ -172,7 +147,6 @@ void Variant::release() noexcept {
     default:
       break;
   }
-  kind_ = Kind::Null;
 }
 
 // --- text
@@ -217,7 +191,7 @@ Variant& Variant::put(std::string_view key, bool literal, bool replace, Variant 
     return discarded();
   Variant* present = payload_.map->find(key);
   if (present == nullptr)
-    return payload_.map->add(MapEntry(key, literal, std::move(value)));
+    return payload_.map->add(key, literal, std::move(value));
   if (replace)
     *present = std::move(value);
   return *present;
@@ -226,7 +200,7 @@ Variant& Variant::put(std::string_view key, bool literal, bool replace, Variant 
 Variant& Variant::append_entry(std::string_view key, Variant value) {
   if (!become_map())
     return discarded();
-  return payload_.map->add(MapEntry(key, true, std::move(value)));
+  return payload_.map->add(key, true, std::move(value));
 }
 
 const Variant& Variant::At(std::string_view key) const {

@@ -65,16 +65,17 @@ Variant* VariantMap::find(std::string_view key) {
   return at == entries_.size() ? nullptr : &entries_[at].value;
 }
 
-Variant& VariantMap::add(MapEntry entry) {
-  // Less room ahead than std::vector takes: many thousand small maps wait for a report.
+// Less room ahead than std::vector takes: many thousand small maps wait for a report.
+void VariantMap::make_room() {
   if (entries_.size() == entries_.capacity())
     entries_.reserve(entries_.size() + std::max<std::size_t>(4, entries_.size() / 4));
-  entries_.push_back(std::move(entry));
+}
+
+void VariantMap::index_last() {
   if (index_)
     index_->emplace(entries_.back().key(), entries_.size() - 1);
-  else if (entries_.size() > index_from)
+  else
     make_index();
-  return entries_.back().value;
 }
 
 void VariantMap::make_index() {

@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "variant.h"
@@ -45,8 +46,15 @@ class VariantMap {
   const std::vector<MapEntry>& entries() const { return entries_; }
   // Null when the key is missing.
   Variant* find(std::string_view key);
-  // Adds an entry whose key is not there yet.
-  Variant& add(MapEntry entry);
+  // Adds an entry whose key is not there yet; the arguments are those of MapEntry.
+  template <typename... Arguments>
+  Variant& add(Arguments&&... arguments) {
+    make_room();
+    entries_.emplace_back(std::forward<Arguments>(arguments)...);
+    if (index_ || entries_.size() > index_from)
+      index_last();
+    return entries_.back().value;
+  }
   // Keeps the order of the others while the map has no index.
   bool erase(std::string_view key);
   void clear();
@@ -60,6 +68,8 @@ class VariantMap {
 
   std::size_t position(std::string_view key) const;  // size() when missing
   void make_index();
+  void make_room();
+  void index_last();
 
   std::vector<MapEntry> entries_;
   std::unique_ptr<Index> index_;
