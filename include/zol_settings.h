@@ -14,6 +14,7 @@ class ISettings {
 
   // Each returns false, and leaves `value` alone, when the key is missing or of another type.
   virtual bool lookup(const char* key, std::string& value) const = 0;
+  // The switches are asked for each session: `key` is a literal, which the source may remember.
   virtual bool lookup(const char* key, bool& value) const = 0;
   virtual bool lookup(const char* key, int& value) const = 0;
 };

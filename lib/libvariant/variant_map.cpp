@@ -67,8 +67,7 @@ Variant* VariantMap::find(std::string_view key) {
 
 // Less room ahead than std::vector takes: many thousand small maps wait for a report.
 void VariantMap::make_room() {
-  if (entries_.size() == entries_.capacity())
-    entries_.reserve(entries_.size() + std::max<std::size_t>(4, entries_.size() / 4));
+  entries_.reserve(entries_.size() + std::max<std::size_t>(4, entries_.size() / 4));
 }
 
 void VariantMap::index_last() {

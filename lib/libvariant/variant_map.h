@@ -49,7 +49,8 @@ class VariantMap {
   // Adds an entry whose key is not there yet; the arguments are those of MapEntry.
   template <typename... Arguments>
   Variant& add(Arguments&&... arguments) {
-    make_room();
+    if (entries_.size() == entries_.capacity())
+      make_room();
     entries_.emplace_back(std::forward<Arguments>(arguments)...);
     if (index_ || entries_.size() > index_from)
       index_last();

@@ -7,9 +7,12 @@
 #include <cstdlib>
 #include <memory>
 #include <stdexcept>
+#include <string_view>
 #include <typeinfo>
+#include <unordered_map>
 #include <utility>
 
+#include "config/cached_setting.h"
 #include "config/zol_conf_consts.h"
 #include "sup_logger.h"
 #include "zol_helper.h"
@@ -64,20 +67,28 @@ void guarded(const IReconfigure* listener, Step&& step) {
 class TreeSettings : public zol_utils::ISettings {
  public:
   bool lookup(const char* key, std::string& value) const override { return read(key, value); }
-  bool lookup(const char* key, bool& value) const override { return read(key, value); }
+  bool lookup(const char* key, bool& value) const override {
+    try {
+      return switches_.try_emplace(key, key).first->second.lookup(value);
+    } catch (const std::exception&) {
+      return false;
+    }
+  }
   bool lookup(const char* key, int& value) const override { return read(key, value); }
 
  private:
   template <typename T>
   static bool read(const char* key, T& value) {
     try {
-      // Asked first: libconfig finds a missing key out by an exception, and some are read at each message.
+      // Asked first: libconfig finds a missing key out by an exception.
       const libconfig::Config& config = TheConfigurator::get_configuration()->config;
       return config.exists(key) && config.lookupValue(key, value);
     } catch (const std::exception&) {
       return false;
     }
   }
+
+  mutable std::unordered_map<std::string_view, CachedSetting<bool>> switches_;
 };
 
 const TreeSettings tree_settings;
