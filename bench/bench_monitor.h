@@ -5,9 +5,11 @@
 
 #include <cstdint>
 #include <cstring>
+#include <fstream>
 #include <string>
 
 #include "core/ipc_messages.h"
+#include "sup_logger.h"
 #include "tests/support/lone_monitor.h"
 
 namespace zol_bench {
@@ -51,6 +53,20 @@ inline void fill(zol_test::BareMonitor& monitor, std::uint32_t from, std::uint32
       handle(monitor, msg);
     }
   }
+}
+
+// Takes the configuration, and logs as a node in service does: a warning for each of 200,000 sessions would
+// be measured too.
+inline void log_errors_only(const std::string& configuration) {
+  zol_test::ScopedConfig& config = zol_test::lone_config();
+  const std::string path = config.folder() + "/log.properties";
+  std::ofstream(path) << "log4cpp.rootCategory=ERROR, out\n"
+                         "log4cpp.appender.out=FileAppender\n"
+                         "log4cpp.appender.out.layout=BasicLayout\n"
+                         "log4cpp.appender.out.fileName="
+                      << config.folder() << "/log\n";
+  config.set(configuration + "Log: { file = \"" + path + "\"; };");
+  zol_logging_init_and_watch("Log.file");
 }
 
 }  // namespace zol_bench

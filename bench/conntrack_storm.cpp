@@ -18,7 +18,6 @@
 #include <string>
 
 #include "bench/bench_monitor.h"
-#include "sup_logger.h"
 
 namespace {
 
@@ -152,22 +151,8 @@ void run_peer(const char* path) {
 
 }  // namespace
 
-// As a node in service logs: a warning for each of 200,000 sessions that end without a FIN would be measured
-// too.
-void log_errors_only() {
-  zol_test::ScopedConfig& config = zol_test::lone_config();
-  const std::string path = config.folder() + "/log.properties";
-  std::ofstream(path) << "log4cpp.rootCategory=ERROR, out\n"
-                         "log4cpp.appender.out=FileAppender\n"
-                         "log4cpp.appender.out.layout=BasicLayout\n"
-                         "log4cpp.appender.out.fileName="
-                      << config.folder() << "/log\n";
-  config.set(std::string(zol_test::lone_config_text) + "Log: { file = \"" + path + "\"; };");
-  zol_logging_init_and_watch("Log.file");
-}
-
 int main() {
-  log_errors_only();
+  zol_bench::log_errors_only(zol_test::lone_config_text);
   if (unshare(CLONE_NEWNET) != 0) {
     std::perror("unshare");
     return 1;

@@ -82,11 +82,11 @@ inline bool take_over_from_dead_owner(shared_header_t& header) {
   return true;
 }
 
-inline timespec shared_lock_deadline() {
+inline timespec shared_lock_deadline(int wait_ms) {
   timespec until{};
   clock_gettime(CLOCK_MONOTONIC, &until);
-  until.tv_sec += shared_lock_wait_ms / 1000;
-  until.tv_nsec += shared_lock_wait_ms % 1000 * 1000000L;
+  until.tv_sec += wait_ms / 1000;
+  until.tv_nsec += wait_ms % 1000 * 1000000L;
   if (until.tv_nsec >= 1000000000L) {
     ++until.tv_sec;
     until.tv_nsec -= 1000000000L;
@@ -96,10 +96,10 @@ inline timespec shared_lock_deadline() {
 
 }  // namespace detail
 
-// Takes the lock and writes owner_pid. False when it can't be had in time; a record without an access for
-// more than a minute is then logged at fatal level.
-inline bool lock_shared_header(shared_header_t& header) {
-  const timespec until = detail::shared_lock_deadline();
+// Takes the lock and writes owner_pid. False when it can't be had in time, with 0 ms at once; a record
+// without an access for more than a minute is then logged at fatal level.
+inline bool lock_shared_header(shared_header_t& header, int wait_ms = shared_lock_wait_ms) {
+  const timespec until = detail::shared_lock_deadline(wait_ms);
   int failed;
   do
     failed = sem_clockwait(&header.lock, CLOCK_MONOTONIC, &until);

@@ -162,9 +162,10 @@ void SharedObject<T>::drop_instance() {
 // without a call of `work`, when the record isn't to be had: shared memory is switched off (debug), the
 // record isn't there (error) or its lock can't be taken (error, opened by `caller`, the name of the function
 // that asks). `work` only copies. What it throws is thrown on, behind the unlock. A failing unlock throws
-// std::runtime_error: the other processes would hang on the record.
+// std::runtime_error: the other processes would hang on the record. Who asks many times in a row gives the
+// time to wait, so that a record that somebody sits on holds it up once only.
 template <typename T, typename F>
-bool with_locked_record(const char* caller, F&& work) {
+bool with_locked_record(const char* caller, F&& work, int wait_ms = shared_lock_wait_ms) {
   if (!shared_mem_enabled) {
     SUP_LOG(detail::shared_object_logger(), log_level::debug)
         << "Shared memory disabled for: " << typeid(T).name();
@@ -174,7 +175,7 @@ bool with_locked_record(const char* caller, F&& work) {
   if (object == nullptr)
     return false;
   shared_header_t& header = object->data->header;
-  if (!lock_shared_header(header)) {
+  if (!lock_shared_header(header, wait_ms)) {
     SUP_LOG(detail::shared_object_logger(), log_level::error)
         << caller << ": Failed locking shared memory for " << typeid(T).name() << " object";
     return false;

@@ -153,4 +153,82 @@ struct ZolHistoricServices {
 static_assert(offsetof(ZolHistoricServices, block) == 48);
 static_assert(sizeof(ZolHistoricServices) == 48 + ZolHistoricServices::block_size);
 
+// What one open connection had counted at the last reading. The directions are the kernel's own, whatever the
+// connection's mark says.
+struct ConntrackEntry {
+  char id[40];                 //  0: NUL-terminated, see conntrack/conntrack_states.h; free when id[0] is 0
+  std::uint64_t orig_packets;  // 40: original direction
+  std::uint64_t orig_bytes;    // 48
+  std::uint64_t repl_packets;  // 56: reply direction
+  std::uint64_t repl_bytes;    // 64
+  std::uint8_t known;          // 72: 1 when the connection has been counted at least once
+  std::uint8_t reserved[7];    // 73: zero
+};
+static_assert(offsetof(ConntrackEntry, orig_packets) == 40);
+static_assert(offsetof(ConntrackEntry, orig_bytes) == 48);
+static_assert(offsetof(ConntrackEntry, repl_packets) == 56);
+static_assert(offsetof(ConntrackEntry, repl_bytes) == 64);
+static_assert(offsetof(ConntrackEntry, known) == 72);
+static_assert(sizeof(ConntrackEntry) == 80);
+
+// The memory of connection counters.
+struct ConntrackStates {
+  static constexpr std::size_t max_connections = 100000;
+
+  shared_header_t header;
+  std::array<ConntrackEntry, max_connections> entries;
+};
+static_assert(offsetof(ConntrackStates, entries) == 48);
+static_assert(sizeof(ConntrackStates) == 8000048);
+
+// What the node reported for one period.
+struct aggregated_row_t {
+  std::int64_t timestamp;              //  0: seconds since the epoch, when the period ended
+  std::uint32_t recovered;             //  8: of ZolStatusData's field of that name and _period
+  std::uint32_t failed_to_target;      // 12: likewise
+  std::uint32_t syn_flood_drop;        // 16
+  std::uint32_t open_sessions;         // 20
+  std::uint32_t active_sessions;       // 24
+  std::uint32_t resolution_failures;   // 28: of ..._period, as the four behind it
+  std::uint32_t peer_timeouts;         // 32
+  std::uint32_t conn_refused;          // 36
+  std::uint32_t invalid_host;          // 40
+  std::uint32_t failopen_connections;  // 44
+  std::uint64_t total_packets;         // 48: of the last traffic report, as the three behind it
+  std::uint64_t total_bytes;           // 56
+  std::uint64_t new_sessions;          // 64
+  std::int32_t interval_s;             // 72
+  std::uint32_t reserved;              // 76: zero
+};
+static_assert(offsetof(aggregated_row_t, recovered) == 8);
+static_assert(offsetof(aggregated_row_t, failed_to_target) == 12);
+static_assert(offsetof(aggregated_row_t, syn_flood_drop) == 16);
+static_assert(offsetof(aggregated_row_t, open_sessions) == 20);
+static_assert(offsetof(aggregated_row_t, active_sessions) == 24);
+static_assert(offsetof(aggregated_row_t, resolution_failures) == 28);
+static_assert(offsetof(aggregated_row_t, peer_timeouts) == 32);
+static_assert(offsetof(aggregated_row_t, conn_refused) == 36);
+static_assert(offsetof(aggregated_row_t, invalid_host) == 40);
+static_assert(offsetof(aggregated_row_t, failopen_connections) == 44);
+static_assert(offsetof(aggregated_row_t, total_packets) == 48);
+static_assert(offsetof(aggregated_row_t, total_bytes) == 56);
+static_assert(offsetof(aggregated_row_t, new_sessions) == 64);
+static_assert(offsetof(aggregated_row_t, interval_s) == 72);
+static_assert(sizeof(aggregated_row_t) == 80);
+
+// The rows of the last periods, a ring. One place is always free, so it holds max_rows - 1 at most, and it is
+// empty while `first` equals `last`: the first row of all goes to place 1.
+struct AggregatedStats {
+  static constexpr std::size_t max_rows = 2880;
+
+  shared_header_t header;
+  std::int32_t first;  // 0: index of the oldest row, which is all zero until the ring has come around
+  std::int32_t last;   // 4: index of the newest row
+  std::array<aggregated_row_t, max_rows> rows;
+};
+static_assert(detail::behind_header(offsetof(AggregatedStats, first), 0));
+static_assert(detail::behind_header(offsetof(AggregatedStats, last), 4));
+static_assert(detail::behind_header(offsetof(AggregatedStats, rows), 8));
+static_assert(sizeof(AggregatedStats) == 230456);
+
 }  // namespace zol_utils

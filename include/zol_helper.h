@@ -42,6 +42,7 @@ class Helper {
   static bool is_valid_ip_address(const std::string& text);
   // RFC 1918. False for text that is no address.
   static bool is_private_address(const std::string& text);
+  static bool is_private_address(std::uint32_t address);  // in network order
   // Dotted text of an address in network order. With General.mask_client_address the last octet is "x". A
   // text that is no address comes back as it is.
   static std::string make_anonymous_address(std::uint32_t address);

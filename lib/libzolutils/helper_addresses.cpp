@@ -40,9 +40,11 @@ bool Helper::is_valid_ip_address(const std::string& text) {
 
 bool Helper::is_private_address(const std::string& text) {
   in_addr address;
-  if (!parse_address(text, address))
-    return false;
-  const std::uint32_t host_order = ntohl(address.s_addr);
+  return parse_address(text, address) && is_private_address(address.s_addr);
+}
+
+bool Helper::is_private_address(std::uint32_t address) {
+  const std::uint32_t host_order = ntohl(address);
   return is_in_range(host_order, 0x0a000000, 8) || is_in_range(host_order, 0xac100000, 12) ||
          is_in_range(host_order, 0xc0a80000, 16);
 }

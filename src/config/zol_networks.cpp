@@ -151,8 +151,7 @@ bool ZOLNetworks::is_my_private_ip(unsigned int ip) const {
 }
 
 bool ZOLNetworks::is_private_network(unsigned int ip) const {
-  const std::string address = address_text(ip);
-  return Helper::is_private_address(address) && hop_map.get_all_peer_ips(false).contains(address);
+  return Helper::is_private_address(ip) && hop_map.get_all_peer_ips(false).contains(address_text(ip));
 }
 
 bool ZOLNetworks::should_remove_vrrp_alias() const {

@@ -12,11 +12,14 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <fstream>
 #include <utility>
 
 #include "config/services.h"
 #include "config/zol_networks.h"
 #include "conntrack/conntrack_message.h"
+#include "conntrack/conntrack_states.h"
+#include "conntrack/conntrack_stats.h"
 #include "conntrack/nfconntrack.h"
 #include "conntrack/none_tcp_nfct_container.h"
 #include "core/monitor_context.h"
@@ -48,6 +51,24 @@ std::size_t read_size() {
 bool has_loopback_ends(const nf_conntrack* ct) {
   const std::uint32_t loopback = htonl(INADDR_LOOPBACK);
   return nfconntrack_get_orig_src(ct) == loopback && nfconntrack_get_dst(ct) == loopback;
+}
+
+// What the kernel leaves out by its settings (nf_conntrack-sysctl of the kernel's documentation) would look
+// like a node without traffic.
+void warn_about_kernel_settings() {
+  const auto is_off = [](const char* path) {
+    std::ifstream file(path);
+    int value = 1;
+    return file >> value && value == 0;
+  };
+  if (is_off("/proc/sys/net/netfilter/nf_conntrack_acct"))
+    SUP_LOG(logger(), log_level::warning)
+        << "net.netfilter.nf_conntrack_acct is off: no bytes can be counted; "
+           "sysctl -w net.netfilter.nf_conntrack_acct=1 puts it on";
+  if (is_off("/proc/sys/net/netfilter/nf_conntrack_events"))
+    SUP_LOG(logger(), log_level::warning)
+        << "net.netfilter.nf_conntrack_events is off: no connection can be followed; "
+           "sysctl -w net.netfilter.nf_conntrack_events=1 puts it on";
 }
 
 SessionTerminationReason side(bool client, SessionTerminationReason from_client,
@@ -94,6 +115,8 @@ ConntrackEvents::ConntrackEvents(MonitorData* monitor_data, MonitorContext* moni
     return;
   SUP_LOG(logger(), log_level::info) << "Starting conntrack events";
   start();
+  warn_about_kernel_settings();
+  ConntrackStats(data, true, true);  // reads the table once, uncounted
 }
 
 ConntrackEvents::~ConntrackEvents() {
@@ -141,6 +164,7 @@ void ConntrackEvents::stop() {
 }
 
 void ConntrackEvents::reconfigure() {
+  ConntrackStats(data, true, reconfigured);  // the first primes the memory of counters
   reconfigured = true;
   zol::ZOLNetworks::instance();
 }
@@ -203,8 +227,10 @@ int ConntrackEvents::handle_connection(NfctHandle ct, bool deleted) {
     const int result = event_parser(ct.get());
     if (deleted) {
       SUP_LOG(logger(), log_level::trace) << "event_parser_cb"
-                                          << ": Deleting " << ct_ntoa_s(ct.get());
+                                          << ": Deleting " << ConntrackStats::debug_dump(ct.get(), data);
       data->sessions.erase(ct.get());
+      if (data->states_manager != nullptr && data->states_manager->is_enabled())
+        data->states_manager->delete_state(ct.get());
     }
     return result;
   }
@@ -216,46 +242,54 @@ int ConntrackEvents::handle_connection(NfctHandle ct, bool deleted) {
 int ConntrackEvents::event_parser(const nf_conntrack* ct) {
   if (nfconntrack_get_protonum(ct) != IPPROTO_TCP)
     return MNL_CB_OK;
-  data->sessions.set_reversed_io(ct, conntrack_mark::is_io_reversed(nfconntrack_get_mark(ct)));
-  if (nfconntrack_get_orig_src(ct) == 0 || nfconntrack_get_orig_port(ct) == 0) {
+  const nfconntrack_ends_t ends = nfconntrack_get_ends(ct);
+  const FoundLeg leg = data->sessions.find(ends);
+  if (leg)
+    leg.session->set_reversed_io(conntrack_mark::is_io_reversed(nfconntrack_get_mark(ct)));
+  if (ends.src == 0 || ends.sport == 0) {
     SUP_LOG(logger(), log_level::error) << "event_parser"
                                         << " Failed to retrieve connection address";
     return MNL_CB_OK;
   }
-  if (data->sessions.get(ct))
-    detect_events(ct);
+  if (leg)
+    detect_events(ct, ends, leg);
   return MNL_CB_OK;
 }
 
 void ConntrackEvents::detect_events(const nf_conntrack* ct) {
-  detect_new_connections(ct);
-  close_reason_diagnostics_parser(ct);
+  const nfconntrack_ends_t ends = nfconntrack_get_ends(ct);
+  if (const FoundLeg leg = data->sessions.find(ends))
+    detect_events(ct, ends, leg);
 }
 
-void ConntrackEvents::detect_new_connections(const nf_conntrack* ct) {
+void ConntrackEvents::detect_events(const nf_conntrack* ct, const nfconntrack_ends_t& ends,
+                                    const FoundLeg& leg) {
+  detect_new_connections(ct, ends, leg);
+  close_reason_diagnostics_parser(ct, leg);
+}
+
+void ConntrackEvents::detect_new_connections(const nf_conntrack* ct, const nfconntrack_ends_t& ends,
+                                             const FoundLeg& leg) {
   const std::uint32_t mark = nfconntrack_get_mark(ct);
   const std::uint8_t service_id = conntrack_mark::service_id(mark);
   if (service_id == 0)
     return;
   if ((conntrack_mark::normalised_nibble(mark) & conntrack_mark::out_bit) != 0) {
-    data->sessions.set_next_hop_ip(ct);
+    data->sessions.set_next_hop_ip(leg, ends);
     return;
   }
-  const SessionPtr session = data->sessions.get(ct);
-  if (!session || !session->network_id.empty())
+  SessionInfo& session = *leg.session;
+  if (!session.network_id.empty())
     return;
-  const std::uint32_t src = nfconntrack_get_orig_src(ct);
-  const std::uint16_t sport = nfconntrack_get_orig_port(ct);
   const std::string& network = data->services->find_by_service_id(service_id, true).logical_network_id;
-  SUP_LOG(logger(), log_level::debug)
-      << "Detected: " << zol::Helper::make_anonymous_address(src) << ":" << sport << " on id: " << network;
-  session->network_id = network;
+  SUP_LOG(logger(), log_level::debug) << "Detected: " << zol::Helper::make_anonymous_address(ends.src) << ":"
+                                      << ends.sport << " on id: " << network;
+  session.network_id = network;
   const bool reversed = conntrack_mark::is_io_reversed(mark);
-  session->accepted_locally =
-      !zol::Services::is_internal_port(reversed ? sport : nfconntrack_get_dst_port(ct));
-  if (!session->accepted_locally)
-    session->is_private_network =
-        zol::ZOLNetworks::instance()->is_private_network(reversed ? src : nfconntrack_get_dst(ct));
+  session.accepted_locally = !zol::Services::is_internal_port(reversed ? ends.sport : ends.dport);
+  if (!session.accepted_locally)
+    session.is_private_network =
+        zol::ZOLNetworks::instance()->is_private_network(reversed ? ends.src : ends.dst);
   count_new_connection(nfconntrack_get_protonum(ct));
 }
 
@@ -268,23 +302,22 @@ void ConntrackEvents::count_new_connection(std::uint8_t protonum) {
     SUP_LOG(logger(), log_level::info) << "Unknown protonum new connection: " << unsigned{protonum};
 }
 
-void ConntrackEvents::close_reason_diagnostics_parser(const nf_conntrack* ct) {
+void ConntrackEvents::close_reason_diagnostics_parser(const nf_conntrack* ct, const FoundLeg& leg) {
   const std::uint32_t mark = nfconntrack_get_mark(ct);
   if (nfconntrack_get_tcp_state(ct) <= tcp_state_established || conntrack_mark::service_id(mark) == 0)
     return;
-  SessionTerminationReason reason = STR_NONE;
-  if (!data->sessions.get_str(ct, reason))
-    return;
+  SessionEndpointInfo& endpoint = *leg.place.endpoint;
   const std::uint32_t nibble = conntrack_mark::normalised_nibble(mark);
+  SessionTerminationReason reason = endpoint.termination_reason;
   if (reason == STR_NONE) {  // the first sight of the closing
-    data->sessions.set_end_time(ct);
+    endpoint.end_time_ms = zol::Helper::get_timestamp_ms();
     reason = fin_reason(mark, nibble);
   }
   reason = rst_reason(mark, nibble, reason);
   SUP_LOG(logger(), log_level::debug)
       << "close_reason_diagnostics_parser"
       << " [Diagnostics] Connection close reason for " << ct_ntoa_s(ct) << " is " << reason;
-  data->sessions.set_str(ct, reason);
+  endpoint.termination_reason = reason;
 }
 
 }  // namespace zol_monitor

@@ -34,7 +34,9 @@ namespace zol_monitor {
 
 class MonitorContext;
 class MonitorData;
+struct FoundLeg;
 struct SessionInfo;
+struct nfconntrack_ends_t;
 
 // Forces the receive buffer to 18 MiB, so that a burst of events waits in the kernel while the loop is busy;
 // needs CAP_NET_ADMIN. False, with an error line, on failure; true for a negative descriptor.
@@ -42,8 +44,9 @@ bool set_netlink_socket_options(int fd);
 
 class ConntrackEvents : public zol::IReconfigure {
  public:
-  // Neither is owned; both outlive the object. Registers for reloads and starts to listen; without `listen`
-  // there is no socket until start(), and messages come from the caller through event_parser_cb.
+  // Neither is owned; both outlive the object. Registers for reloads, starts to listen and reads the
+  // connection table once, uncounted. Without `listen` there is no socket until start() and no reading, and
+  // messages come from the caller through event_parser_cb.
   ConntrackEvents(MonitorData* monitor_data, MonitorContext* monitor_context, bool listen = true);
   ~ConntrackEvents() override;
 
@@ -53,6 +56,7 @@ class ConntrackEvents : public zol::IReconfigure {
   // Events that happen until the next start are lost.
   void stop();
 
+  // Reads the connection table, uncounted; the first time the reading reaches the memory of counters.
   void reconfigure() override;
   bool need_reconf(bool& enabled) override;
 
@@ -74,6 +78,9 @@ class ConntrackEvents : public zol::IReconfigure {
   // Applies a connection's state to its session: an Out leg tells the next hop, the first marked In event
   // fixes the session's network, a closing state gives the reason. For a connection with a known session.
   void detect_events(const nf_conntrack* ct);
+
+  // The same for a connection whose session has been looked up.
+  void detect_events(const nf_conntrack* ct, const nfconntrack_ends_t& ends, const FoundLeg& leg);
 
   // The loop's callback; `self` is a ConntrackEvents*.
   static void event_cb(int fd, short what, void* self);
@@ -102,9 +109,9 @@ class ConntrackEvents : public zol::IReconfigure {
   void read_event();
   int handle_connection(NfctHandle ct, bool deleted);
   int event_parser(const nf_conntrack* ct);
-  void detect_new_connections(const nf_conntrack* ct);
+  void detect_new_connections(const nf_conntrack* ct, const nfconntrack_ends_t& ends, const FoundLeg& leg);
   void count_new_connection(std::uint8_t protonum);
-  void close_reason_diagnostics_parser(const nf_conntrack* ct);
+  void close_reason_diagnostics_parser(const nf_conntrack* ct, const FoundLeg& leg);
 };
 
 }  // namespace zol_monitor

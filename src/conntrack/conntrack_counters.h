@@ -13,6 +13,20 @@ struct conntrack_counters_t {
   std::uint64_t rx_bytes = 0;
 };
 
+// Field by field.
+inline constexpr conntrack_counters_t operator+(const conntrack_counters_t& a,
+                                                const conntrack_counters_t& b) {
+  return {a.tx_packets + b.tx_packets, a.tx_bytes + b.tx_bytes, a.rx_packets + b.rx_packets,
+          a.rx_bytes + b.rx_bytes};
+}
+
+// A copy without its tx pair when `tx`, else without its rx pair.
+inline constexpr conntrack_counters_t counters_zero_dir(const conntrack_counters_t& c, bool tx) {
+  if (tx)
+    return {0, 0, c.rx_packets, c.rx_bytes};
+  return {c.tx_packets, c.tx_bytes, 0, 0};
+}
+
 // Where a connection leads: out of the overlay, or on to a hop.
 enum class traffic_dir_t : std::uint8_t {
   target = 0,

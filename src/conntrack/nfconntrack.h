@@ -19,6 +19,8 @@ inline constexpr std::uint32_t fin_received = 0x1000000;  // by this node
 inline constexpr std::uint32_t rst_received = 0x2000000;  // by this node
 inline constexpr std::uint32_t rst_sent = 0x4000000;      // by this node
 inline constexpr std::uint32_t reversed = 0x80;           // bit 7
+inline constexpr std::uint32_t billed = 0x10000000;       // of a middle-mile node's link traffic
+inline constexpr std::uint32_t unbilled = 0x40000000;
 
 inline constexpr std::uint8_t service_id(std::uint32_t mark) {
   return (mark >> 8) & 0xff;
@@ -48,6 +50,15 @@ struct nfconntrack_stats_t {
   std::uint64_t bytes;
 };
 
+// Both ends in the session's direction; what the four accessors below give, at half their cost.
+struct nfconntrack_ends_t {
+  std::uint32_t src;
+  std::uint32_t dst;
+  std::uint16_t sport;
+  std::uint16_t dport;
+};
+nfconntrack_ends_t nfconntrack_get_ends(const nf_conntrack* ct);
+
 bool nfconntrack_test_bit(const nf_conntrack* ct, int attribute);
 std::uint8_t nfconntrack_get_protonum(const nf_conntrack* ct);
 std::uint32_t nfconntrack_get_mark(const nf_conntrack* ct);
@@ -65,5 +76,12 @@ std::uint16_t nfconntrack_get_orig_port(const nf_conntrack* ct);
 std::uint32_t nfconntrack_get_dst(const nf_conntrack* ct);
 std::uint16_t nfconntrack_get_dst_port(const nf_conntrack* ct);
 std::uint32_t nfconntrack_get_id(const nf_conntrack* ct);
+// Turns the counters of this copy, absolute as the kernel gives them, into the difference to the memories,
+// which take the absolute values. When one remembered value is above the connection's, the kernel's counters
+// were reset or the memory is of an earlier connection: the counters then stay, so that all of them are new.
+// The memories are of the kernel's directions, whatever the mark says, so that a mark that changes doesn't
+// mix them up. A counter that the connection lacks is 0 and stays missing.
+void nfconntrack_update_counters(nf_conntrack* ct, nfconntrack_stats_t& orig_memory,
+                                 nfconntrack_stats_t& repl_memory);
 
 }  // namespace zol_monitor

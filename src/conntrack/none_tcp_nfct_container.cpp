@@ -30,8 +30,10 @@ void NoneTcpNFCTContainer::push(NfctHandle ct) {
 }
 
 NfctHandle NoneTcpNFCTContainer::pop() {
-  if (connections_.empty())
+  if (connections_.empty()) {
+    warned_ = false;
     return nullptr;
+  }
   NfctHandle oldest = std::move(connections_.front());
   connections_.pop_front();
   return oldest;

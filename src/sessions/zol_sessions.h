@@ -37,6 +37,8 @@ class SiteServicesBase;
 
 namespace zol_monitor {
 
+struct nfconntrack_ends_t;
+
 using SessionPtr = std::shared_ptr<SessionInfo>;
 using LegMap = std::unordered_map<std::uint64_t, SessionPtr, LegKeyHash>;
 using OutLegMap = std::unordered_map<std::uint64_t, LegMap, LegKeyHash>;
@@ -47,6 +49,14 @@ struct LegPlace {
   LegMap* map = nullptr;                    // in_sessions, or an inner map of out_sessions
   LegMap::iterator node;                    // of that map
   OutLegMap::iterator outer_node;           // of out_sessions; meaningless when map is in_sessions
+};
+
+// The session of a tracked connection. Good until the table changes.
+struct FoundLeg {
+  explicit operator bool() const { return session != nullptr; }
+
+  SessionPtr session;
+  LegPlace place;  // meaningless without a session
 };
 
 // Sessions whose target failed, by what this node is to them.
@@ -80,6 +90,9 @@ class ZOLSessions {
                           std::uint16_t second_port, LegPlace* place = nullptr);
   // The session of a tracked connection, whichever way the connection runs.
   SessionPtr get(const nf_conntrack* ct, LegPlace* place = nullptr);
+  SessionPtr get(const nfconntrack_ends_t& ends, LegPlace* place);
+  // The same, for who does several of the things below with one connection and looks it up once.
+  FoundLeg find(const nfconntrack_ends_t& ends);
   // The session of an IPC message: by its keys when they point at that uuid, else by the uuid.
   SessionPtr get(std::uint32_t address1, std::uint16_t port1, std::uint32_t address2, std::uint16_t port2,
                  const unsigned char* uuid);
@@ -90,14 +103,19 @@ class ZOLSessions {
   bool get_str(const nf_conntrack* ct, SessionTerminationReason& reason);
   void set_end_time(const nf_conntrack* ct);
   void add_counters(const nf_conntrack* ct, const conntrack_counters_t& counters);
+  static void add_counters(const FoundLeg& leg, const conntrack_counters_t& counters);
   // For a connection that has an Out role.
   void set_next_hop_ip(const nf_conntrack* ct);
   void set_reversed_io(const nf_conntrack* ct, bool reversed);
+  void set_next_hop_ip(const FoundLeg& leg, const nfconntrack_ends_t& ends);
   // Both 0 without a session.
   void get_session_endpoints(const nf_conntrack* ct, std::uint32_t& client, std::uint32_t& next_hop);
   // Without a session, false and the connection's own source and "unknown".
   bool get_user_identification(const nf_conntrack* ct, std::uint32_t& client, std::uint16_t& port,
                                std::string& domain);
+  // Logs the same warning; the domain is good as long as the session.
+  static const std::string& get_user_identification(const FoundLeg& leg, const nfconntrack_ends_t& ends,
+                                                    std::uint32_t& client);
   // The kernel has destroyed the connection: its leg goes, and with the last leg the session.
   void erase(const nf_conntrack* ct);
   // Moves a session with no leg left to the finished list. The caller holds the one reference that is

@@ -35,26 +35,33 @@ void ZOLSessions::set_end_time(const nf_conntrack* ct) {
     place.endpoint->end_time_ms = zol::Helper::get_timestamp_ms();
 }
 
+void ZOLSessions::add_counters(const FoundLeg& leg, const conntrack_counters_t& counters) {
+  *leg.place.endpoint->incoming_bytes += counters.rx_bytes;
+  *leg.place.endpoint->outgoing_bytes += counters.tx_bytes;
+}
+
 void ZOLSessions::add_counters(const nf_conntrack* ct, const conntrack_counters_t& counters) {
-  LegPlace place;
-  if (!get(ct, &place)) {
+  const FoundLeg leg = find(nfconntrack_get_ends(ct));
+  if (!leg) {
     SUP_LOG(sessions_logger(), log_level::error)
         << "Trying to add counters for non existing info. address: " << ct_ntoa_s(ct);
     return;
   }
-  *place.endpoint->incoming_bytes += counters.rx_bytes;
-  *place.endpoint->outgoing_bytes += counters.tx_bytes;
+  add_counters(leg, counters);
 }
 
 void ZOLSessions::set_next_hop_ip(const nf_conntrack* ct) {
-  const SessionPtr session = get(ct);
-  if (!session)
-    return;
-  session->next_hop_ip = nfconntrack_get_dst(ct);
-  session->next_hop_port = nfconntrack_get_dst_port(ct);
-  session->is_next_hop_zol = services->is_internal_port(session->is_reversed() ? nfconntrack_get_orig_port(ct)
-                                                                               : session->next_hop_port);
-  session->set_vpn_data(site_services);
+  const nfconntrack_ends_t ends = nfconntrack_get_ends(ct);
+  if (const FoundLeg leg = find(ends))
+    set_next_hop_ip(leg, ends);
+}
+
+void ZOLSessions::set_next_hop_ip(const FoundLeg& leg, const nfconntrack_ends_t& ends) {
+  SessionInfo& session = *leg.session;
+  session.next_hop_ip = ends.dst;
+  session.next_hop_port = ends.dport;
+  session.is_next_hop_zol = services->is_internal_port(session.is_reversed() ? ends.sport : ends.dport);
+  session.set_vpn_data(site_services);
 }
 
 void ZOLSessions::set_reversed_io(const nf_conntrack* ct, bool reversed) {
@@ -71,18 +78,24 @@ void ZOLSessions::get_session_endpoints(const nf_conntrack* ct, std::uint32_t& c
 
 bool ZOLSessions::get_user_identification(const nf_conntrack* ct, std::uint32_t& client, std::uint16_t& port,
                                           std::string& domain) {
-  if (const SessionPtr session = get(ct)) {
-    client = session->client_ip;
-    port = session->client_port;
-    domain = session->domain_name;
-    return true;
+  const nfconntrack_ends_t ends = nfconntrack_get_ends(ct);
+  const FoundLeg leg = find(ends);
+  domain = get_user_identification(leg, ends, client);
+  port = leg ? leg.session->client_port : ends.sport;
+  return static_cast<bool>(leg);
+}
+
+const std::string& ZOLSessions::get_user_identification(const FoundLeg& leg, const nfconntrack_ends_t& ends,
+                                                        std::uint32_t& client) {
+  static const std::string unknown_domain = "unknown";
+  if (leg) {
+    client = leg.session->client_ip;
+    return leg.session->domain_name;
   }
-  client = nfconntrack_get_orig_src(ct);
-  port = nfconntrack_get_orig_port(ct);
-  domain = "unknown";
+  client = ends.src;
   SUP_LOG(sessions_logger(), log_level::warning) << "get_user_identification"
                                                  << ": Failed to locate user identification!";
-  return false;
+  return unknown_domain;
 }
 
 void ZOLSessions::erase(const nf_conntrack* ct) {

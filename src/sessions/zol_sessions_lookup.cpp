@@ -59,8 +59,18 @@ SessionPtr ZOLSessions::get_outbound(std::uint32_t first_address, std::uint16_t 
 }
 
 SessionPtr ZOLSessions::get(const nf_conntrack* ct, LegPlace* place) {
-  const Peer source = {nfconntrack_get_orig_src(ct), nfconntrack_get_orig_port(ct)};
-  const Peer target = {nfconntrack_get_dst(ct), nfconntrack_get_dst_port(ct)};
+  return get(nfconntrack_get_ends(ct), place);
+}
+
+FoundLeg ZOLSessions::find(const nfconntrack_ends_t& ends) {
+  FoundLeg leg;
+  leg.session = get(ends, &leg.place);
+  return leg;
+}
+
+SessionPtr ZOLSessions::get(const nfconntrack_ends_t& ends, LegPlace* place) {
+  const Peer source = {ends.src, ends.sport};
+  const Peer target = {ends.dst, ends.dport};
   for (const Peer& peer : {source, target}) {
     LegMap::iterator node;
     if (SessionPtr session = get(peer.address, peer.port, in_sessions, &node)) {

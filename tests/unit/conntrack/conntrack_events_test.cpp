@@ -178,8 +178,8 @@ TEST_F(ConntrackTest, DeleteErasesTheLegs) {
   session.reset();
   LogCapture log;
   EXPECT_EQ(feed(in_event, true), MNL_CB_OK);
-  EXPECT_TRUE(
-      log.contains(log_level::trace, "event_parser_cb: Deleting [IN] 198.51.100.20:40000->192.0.2.1:443"))
+  EXPECT_TRUE(log.contains(log_level::trace,
+                           "event_parser_cb: Deleting [(6) 198.51.100.20:40000] => [192.0.2.1:443] 3 mark"))
       << log.all();
   EXPECT_TRUE(data_.sessions.in_sessions.empty());
   EXPECT_EQ(data_.sessions.sessions_by_id.size(), 1u);

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <libmnl/libmnl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -240,27 +239,6 @@ TEST(NetlinkSocketOptions, Failure) {
       << log.all();
   close(ends[0]);
   close(ends[1]);
-}
-
-// Runs with no descriptors left: a netlink socket can't be opened then.
-class NoDescriptors {
- public:
-  NoDescriptors();
-  ~NoDescriptors();
-
- private:
-  rlimit former_{};
-};
-
-NoDescriptors::NoDescriptors() {
-  getrlimit(RLIMIT_NOFILE, &former_);
-  rlimit none = former_;
-  none.rlim_cur = 0;
-  setrlimit(RLIMIT_NOFILE, &none);
-}
-
-NoDescriptors::~NoDescriptors() {
-  setrlimit(RLIMIT_NOFILE, &former_);
 }
 
 // Verifies that a socket that can't be opened is logged.

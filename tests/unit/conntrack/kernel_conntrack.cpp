@@ -52,4 +52,19 @@ bool ConnectionTable::query(int type, const Flow& flow) {
   return handle_ != nullptr && nfct_query(handle_, queries[type], ct.get()) == 0;
 }
 
+bool ConnectionTable::create(const nf_conntrack* ct) {
+  return handle_ != nullptr && nfct_query(handle_, NFCT_Q_CREATE, ct) == 0;
+}
+
+NoDescriptors::NoDescriptors() {
+  getrlimit(RLIMIT_NOFILE, &former_);
+  rlimit none = former_;
+  none.rlim_cur = 0;
+  setrlimit(RLIMIT_NOFILE, &none);
+}
+
+NoDescriptors::~NoDescriptors() {
+  setrlimit(RLIMIT_NOFILE, &former_);
+}
+
 }  // namespace zol_test

@@ -1,6 +1,8 @@
 // A network namespace of a test's own, and entries in its connection table.
 #pragma once
 
+#include <sys/resource.h>
+
 #include "tests/unit/conntrack/conntrack_fixture.h"
 
 struct nfct_handle;
@@ -33,6 +35,7 @@ class ConnectionTable {
   ConnectionTable& operator=(const ConnectionTable&) = delete;
 
   bool create(const Flow& flow) { return query(0, flow); }
+  bool create(const nf_conntrack* ct);
   // Takes the flow's mark and state over.
   bool update(const Flow& flow) { return query(1, flow); }
   bool destroy(const Flow& flow) { return query(2, flow); }
@@ -41,6 +44,18 @@ class ConnectionTable {
   bool query(int type, const Flow& flow);
 
   nfct_handle* handle_;
+};
+
+// Runs with no descriptors left: a netlink socket can't be opened then.
+class NoDescriptors {
+ public:
+  NoDescriptors();
+  ~NoDescriptors();
+  NoDescriptors(const NoDescriptors&) = delete;
+  NoDescriptors& operator=(const NoDescriptors&) = delete;
+
+ private:
+  rlimit former_{};
 };
 
 }  // namespace zol_test

@@ -1,0 +1,224 @@
+// One reading of the kernel's connection table for the traffic report, beside a bare dump of the same filter
+// whose callback is empty, and beside `conntrack -L`. In a network namespace of its own; needs root. The
+// entries carry no bytes, which changes nothing in what a connection costs.
+#include <fcntl.h>
+#include <libnetfilter_conntrack/libnetfilter_conntrack.h>
+#include <libnetfilter_conntrack/libnetfilter_conntrack_tcp.h>
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "bench/bench_monitor.h"
+#include "conntrack/conntrack.h"
+#include "conntrack/conntrack_states.h"
+#include "conntrack/conntrack_stats.h"
+#include "reporting/zol_traffic.h"
+#include "shared_object.h"
+#include "shared_records.h"
+
+namespace {
+
+std::uint32_t all_connections = 200000;         // or the first argument
+std::uint32_t remembered_connections = 100000;  // half of all; as many as the memory holds
+constexpr std::uint32_t clients = 200;
+constexpr std::uint32_t domains = 20;
+constexpr std::uint32_t services = 5;
+constexpr int rounds = 7;
+
+std::string configuration() {
+  std::string rows;
+  for (std::uint32_t id = 1; id <= services; ++id)
+    rows += (id == 1 ? "" : ", ") + ("{ service_id = " + std::to_string(id)) +
+            "; logical_network_id = \"net-" + std::to_string(id) +
+            "\"; public_host = \"a\"; host = \"target.example\"; aux_host = \"c\"; " +
+            "external_port_in = 80; internal_port = 8080; external_port_out = 80; is_port_owned = true; " +
+            "is_tcp = true; }";
+  return R"(
+General: { zol_id = "bench"; external_ip = "192.0.2.1"; network_id = "net"; };
+Monitoring: {
+  report_resolution_ms = 60000; traffic_report_resolution_ms = 60000; session_report_resolution_ms = 60000;
+  polling_rate_ms = 100; reporter_total_retries = 0; session_report_is_enabled = true; unmarked_target = "none";
+  domain_level_traffic = true; conntrack_states_enabled = true;
+};
+TrafficReport: { enabled = true; };
+IPTables: { internal_port_range_start = 9000; internal_port_range_end = 9100; };
+MultipleTargets: { services = ()" +
+         rows + "); };";
+}
+
+std::uint32_t client_address(std::uint32_t n) {
+  return htonl(0x0a000001 + n % clients);
+}
+std::uint16_t client_port(std::uint32_t n) {
+  return static_cast<std::uint16_t>(1024 + n / clients);
+}
+
+bool create_entries(std::uint32_t from, std::uint32_t to) {
+  nfct_handle* handle = nfct_open(CONNTRACK, 0);
+  bool good = handle != nullptr;
+  for (std::uint32_t n = from; good && n < to; ++n) {
+    nf_conntrack* ct = nfct_new();
+    nfct_set_attr_u8(ct, ATTR_L3PROTO, AF_INET);
+    nfct_set_attr_u32(ct, ATTR_IPV4_SRC, client_address(n));
+    nfct_set_attr_u32(ct, ATTR_IPV4_DST, htonl(0xc0000201));
+    nfct_set_attr_u8(ct, ATTR_L4PROTO, IPPROTO_TCP);
+    nfct_set_attr_u16(ct, ATTR_PORT_SRC, htons(client_port(n)));
+    nfct_set_attr_u16(ct, ATTR_PORT_DST, htons(8080));
+    nfct_setobjopt(ct, NFCT_SOPT_SETUP_REPLY);
+    nfct_set_attr_u8(ct, ATTR_TCP_STATE, TCP_CONNTRACK_ESTABLISHED);
+    nfct_set_attr_u32(ct, ATTR_TIMEOUT, 3600);
+    nfct_set_attr_u32(ct, ATTR_MARK, (n % services + 1) << 8 | 0x10);
+    nfct_set_attr_u32(ct, ATTR_STATUS, IPS_CONFIRMED | IPS_ASSURED | IPS_SEEN_REPLY);
+    good = nfct_query(handle, NFCT_Q_CREATE, ct) == 0;
+    nfct_destroy(ct);
+  }
+  if (handle != nullptr)
+    nfct_close(handle);
+  return good;
+}
+
+// A session for every second connection.
+void identify(zol_test::BareMonitor& monitor) {
+  for (std::uint32_t n = 0; n < all_connections; n += 2) {
+    auto msg = zol_bench::identification(n, false);
+    msg.address1 = msg.client_address = client_address(n);
+    msg.port1 = msg.client_port = htons(client_port(n));
+    const std::string domain = "www" + std::to_string(n / 2 % domains) + ".example.org";
+    domain.copy(msg.domain_name, sizeof msg.domain_name - 1);
+    msg.domain_name[domain.size()] = 0;
+    zol_bench::handle(monitor, msg);
+  }
+}
+
+int count_only(nf_conntrack_msg_type, nf_conntrack*, void* count) {
+  ++*static_cast<std::uint32_t*>(count);
+  return NFCT_CB_CONTINUE;
+}
+
+std::uint32_t bare_query(nf_conntrack_query kind) {
+  std::uint32_t count = 0;
+  nfct_handle* handle = nfct_open(CONNTRACK, 0);
+  zol_monitor::set_netlink_socket_options(nfct_fd(handle));
+  nfct_callback_register(handle, NFCT_T_ALL, count_only, &count);
+  nfct_filter_dump* filter = nfct_filter_dump_create();
+  const nfct_filter_dump_mark mark = {.val = 0, .mask = 0x47};
+  nfct_filter_dump_set_attr(filter, NFCT_FILTER_DUMP_MARK, &mark);
+  nfct_filter_dump_set_attr_u8(filter, NFCT_FILTER_DUMP_L3NUM, AF_INET);
+  nfct_query(handle, kind, filter);
+  nfct_filter_dump_destroy(filter);
+  nfct_close(handle);
+  return count;
+}
+
+void list_table() {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const int null = open("/dev/null", O_WRONLY);
+    dup2(null, STDOUT_FILENO);
+    dup2(null, STDERR_FILENO);
+    execlp("conntrack", "conntrack", "-L", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  waitpid(pid, nullptr, 0);
+}
+
+double ms_of(const std::function<void()>& work) {
+  const auto start = std::chrono::steady_clock::now();
+  work();
+  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+}
+
+// Each in turn, so that what else the machine does meets all of them; the medians.
+std::vector<double> medians(const std::vector<std::function<void()>>& works) {
+  std::vector<std::vector<double>> times(works.size());
+  for (int round = 0; round < rounds; ++round)
+    for (std::size_t i = 0; i < works.size(); ++i)
+      times[i].push_back(ms_of(works[i]));
+  std::vector<double> result;
+  for (auto& each : times) {
+    std::nth_element(each.begin(), each.begin() + rounds / 2, each.end());
+    result.push_back(each[rounds / 2]);
+  }
+  return result;
+}
+
+void print_line(const char* what, double ms, std::uint32_t connections, double bare) {
+  std::printf("  %-34s %8.1f ms  %5.2f us a connection  %.2f of bare\n", what, ms, ms * 1000 / connections,
+              ms / bare);
+}
+
+void measure_resetting(zol_test::BareMonitor& monitor) {
+  zol_monitor::ZolTraffic traffic(&monitor);
+  std::vector<libvariant::Variant> tunnels;
+  const std::vector<double> times = medians({
+      [] { bare_query(NFCT_Q_DUMP_FILTER_RESET); },
+      [&] { zol_monitor::ConntrackStats(&monitor, false, false); },
+      [&] { traffic.generate_zol_traffic_report(false, tunnels); },
+      [] { list_table(); },
+  });
+  std::printf("%u connections, the kernel resets the counters:\n", bare_query(NFCT_Q_DUMP_FILTER));
+  print_line("bare query", times[0], all_connections, times[0]);
+  print_line("reading", times[1], all_connections, times[0]);
+  print_line("reading and report", times[2], all_connections, times[0]);
+  print_line("conntrack -L >/dev/null", times[3], all_connections, times[0]);
+  std::printf("  reading to conntrack -L: %.2f\n", times[1] / times[3]);
+}
+
+void measure_remembering(zol_test::BareMonitor& monitor) {
+  const std::string version = "bench-" + std::to_string(getpid());
+  zol_utils::shared_object_version = version;
+  zol_utils::shared_mem_enabled = true;
+  const auto record = zol_utils::create_shared_record<zol_utils::ConntrackStates>(version);
+  zol_monitor::ConntrackStatesManager states(&monitor);
+  states.dump_base = zol_test::lone_config().folder() + "/states.dmp";
+  monitor.states_manager = &states;
+  states.reconfigure();
+  const std::vector<double> times = medians({
+      [] { bare_query(NFCT_Q_DUMP_FILTER); },
+      [&] { zol_monitor::ConntrackStats(&monitor, false, false); },
+  });
+  std::printf("%u connections, %zu of them remembered:\n", bare_query(NFCT_Q_DUMP_FILTER),
+              states.states.size());
+  print_line("bare query", times[0], remembered_connections, times[0]);
+  print_line("reading", times[1], remembered_connections, times[0]);
+  monitor.states_manager = nullptr;
+  zol_utils::shared_mem_enabled = false;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc > 1) {
+    all_connections = static_cast<std::uint32_t>(std::strtoul(argv[1], nullptr, 10));
+    remembered_connections = all_connections / 2;
+  }
+  zol_bench::log_errors_only(configuration());
+  if (unshare(CLONE_NEWNET) != 0) {
+    std::perror("unshare");
+    return 1;
+  }
+  std::ofstream("/proc/sys/net/netfilter/nf_conntrack_max") << 1000000;
+  std::ofstream("/proc/sys/net/netfilter/nf_conntrack_acct") << 1;
+  zol_test::BareMonitor& monitor = zol_test::lone_monitor();
+  identify(monitor);
+  if (!create_entries(0, remembered_connections)) {
+    std::perror("creating the entries");
+    return 1;
+  }
+  measure_remembering(monitor);
+  if (!create_entries(remembered_connections, all_connections)) {
+    std::perror("creating the entries");
+    return 1;
+  }
+  measure_resetting(monitor);
+  return 0;
+}
