@@ -26,6 +26,7 @@ class Plain : public zol::IReconfigure {
 
 class WithExecutor : public virtual Plain, public zol::WDExecutor {
  public:
+  WithExecutor() : zol::WDExecutor("zol") {}
   bool start() override {
     calls.push_back("start");
     return starts;
