@@ -18,7 +18,7 @@ SupLogger& logger() {
 
 }  // namespace
 
-MachineInfo::MachineInfo(bool is_kpa_in) : is_kpa(is_kpa_in) {
+MachineInfo::MachineInfo(bool is_kpa_in, bool sampler_wanted) : cpu_info(sampler_wanted), is_kpa(is_kpa_in) {
   zol::TheConfigurator::get_configuration()->register_reconfiguration_cb(this);
   update_params();
 }
@@ -55,7 +55,19 @@ libvariant::Variant MachineInfo::generate_machine_info_id_report() const {
 }
 
 libvariant::Variant MachineInfo::generate_machine_info_report() {
-  return generate_machine_info_id_report();
+  libvariant::Variant report = generate_machine_info_id_report();
+  report.Assign("cpu", cpu_info.generate_cpu_info_report());
+  report.Assign("ram", ram_info.generate_ram_info_report());
+  print_process_cpu_and_ram();
+  return report;
+}
+
+void MachineInfo::print_process_cpu_and_ram() {
+  const std::string output =
+      zol::Helper::run_cmd("cat /proc/net/sockstat | grep \"TCP\"  | awk ' { print $11} ' ");
+  const long memory = std::stol(output);
+  SUP_LOG(logger(), log_level::info) << "print_process_cpu_and_ram"
+                                     << ": TCP memory consumption is : " << memory << " bytes";
 }
 
 }  // namespace zol_monitor

@@ -1,4 +1,4 @@
-// Who this machine is: the `machine-info` object of the reports.
+// Who this machine is, and how busy its CPU and full its RAM are: the `machine-info` object of the reports.
 //
 // Follows the configuration: id and address are read anew at each reload.
 //
@@ -8,14 +8,17 @@
 #include <string>
 
 #include "config/zol_configurator.h"
+#include "stats/machine_cpu_info.h"
+#include "stats/machine_ram_info.h"
 #include "variant.h"
 
 namespace zol_monitor {
 
 class MachineInfo : public zol::IReconfigure {
  public:
-  // With `is_kpa` the identity is that of the KPA role of the node, else that of the ZOL.
-  explicit MachineInfo(bool is_kpa);
+  // With `is_kpa` the identity is that of the KPA role of the node, else that of the ZOL. `sampler_wanted`
+  // starts a thread for the figures of `cpu-stats`, see MachineCpuInfo: for who reports them.
+  explicit MachineInfo(bool is_kpa, bool sampler_wanted = false);
   ~MachineInfo() override;
   MachineInfo(const MachineInfo&) = delete;
   MachineInfo& operator=(const MachineInfo&) = delete;
@@ -27,10 +30,16 @@ class MachineInfo : public zol::IReconfigure {
 
   // `id` and `ip_address`.
   libvariant::Variant generate_machine_info_id_report() const;
+  // The same with `cpu` and `ram`, which are measured now; logs the memory of TCP too.
   libvariant::Variant generate_machine_info_report();
+  // Logs what TCP's buffers take. Runs a shell command; throws what std::stol does when the kernel tells no
+  // number.
+  static void print_process_cpu_and_ram();
 
   std::string id;
   std::string external_ip;
+  MachineCpuInfo cpu_info;
+  MachineRamInfo ram_info;
   bool is_kpa;
 };
 

@@ -3,6 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+
+#include "stats_fixture.h"
 #include "sup_logger.h"
 #include "tests/support/config_fixture.h"
 #include "tests/support/log_capture.h"
@@ -64,6 +67,7 @@ TEST(MachineInfoTest, missing_address) {
 TEST(MachineInfoTest, reports) {
   // Verifies that the identity is an object of two keys, and that the machine's report has them.
   ScopedConfig config(zol_config);
+  LogCapture log;
   MachineInfo info(false);
   const libvariant::Variant report = info.generate_machine_info_id_report();
   EXPECT_THAT(keys_of(report), UnorderedElementsAre("id", "ip_address"));
@@ -72,6 +76,36 @@ TEST(MachineInfoTest, reports) {
   const libvariant::Variant whole = info.generate_machine_info_report();
   EXPECT_EQ(whole.At("id").AsString(), "node-7");
   EXPECT_EQ(whole.At("ip_address").AsString(), "192.0.2.7");
+  EXPECT_THAT(keys_of(whole), UnorderedElementsAre("id", "ip_address", "cpu", "ram"));
+  EXPECT_THAT(keys_of(whole.At("cpu")), UnorderedElementsAre("total", "num-of-cores", "cores", "cpu-stats"));
+  EXPECT_THAT(keys_of(whole.At("ram")), UnorderedElementsAre("total", "used"));
+  EXPECT_GT(whole.At("ram").At("used").AsDouble(), 0.0);
+  EXPECT_TRUE(log.contains(log_level::info, "print_process_cpu_and_ram: TCP memory consumption is : "));
+}
+
+TEST(MachineInfoTest, sampler) {
+  // Verifies that the sampler's thread runs for who wants it alone.
+  ScopedConfig config(
+      "General: { zol_id = \"node-7\"; external_ip = \"192.0.2.7\"; max_thread_runtime_ms = 60000; };");
+  EXPECT_EQ(MachineInfo(false).cpu_info.sampler, nullptr);
+  EXPECT_NE(MachineInfo(false, true).cpu_info.sampler, nullptr);
+}
+
+TEST(MachineInfoTest, tcp_memory) {
+  // Verifies that the eleventh word of the line of TCP is told, and that what is no number throws.
+  zol_test::FakeCommands commands;
+  LogCapture log;
+  commands.add("cat",
+               "test $1 = /proc/net/sockstat && printf 'sockets: used 13\\nTCP: inuse 1 orphan 2 tw 3 alloc "
+               "4 mem 567\\nUDP: inuse 0 mem 9\\n'");
+  MachineInfo::print_process_cpu_and_ram();
+  EXPECT_TRUE(
+      log.contains(log_level::info, "print_process_cpu_and_ram: TCP memory consumption is : 567 bytes"))
+      << log.all();
+  commands.add("cat", "echo 'TCP: inuse 1 orphan 2 tw 3 alloc 4 mem much'");
+  EXPECT_THROW(MachineInfo::print_process_cpu_and_ram(), std::invalid_argument);
+  commands.add("cat", "exit 1");
+  EXPECT_THROW(MachineInfo::print_process_cpu_and_ram(), std::invalid_argument);
 }
 
 TEST(MachineInfoTest, reload) {
