@@ -39,9 +39,9 @@ const std::map<std::string, std::string>& hqs_hmac_parameters() {
   return names;
 }
 
-HQSHttpClient::HQSHttpClient(const std::map<std::string, std::string>& names, bool compress_in,
+HQSHttpClient::HQSHttpClient(Unopened, const std::map<std::string, std::string>& names, bool compress_in,
                              AConfigurator* configuration_in, bool hmac_in, bool if_modified_since_in)
-    : HttpClient(false),
+    : HttpClient(Unopened()),
       PersistentHosts("HQSHttpClient"),
       secret_key(name_of(names, "secret")),
       key_key(name_of(names, "key")),
@@ -52,6 +52,18 @@ HQSHttpClient::HQSHttpClient(const std::map<std::string, std::string>& names, bo
       configuration(configuration_in) {
   if (hmac && (secret_key.empty() || key_key.empty() || timeout_key.empty()))
     throw std::runtime_error("ERROR Missing parameters names for HMAC");
+}
+
+HQSHttpClient::HQSHttpClient(const std::map<std::string, std::string>& names, bool compress_in,
+                             AConfigurator* configuration_in, bool hmac_in, bool if_modified_since_in)
+    : HQSHttpClient(Unopened(), names, compress_in, configuration_in, hmac_in, if_modified_since_in) {
+  open();
+}
+
+void HQSHttpClient::open() {
+  if (curl != nullptr)
+    return;
+  HttpClient::open(false);
   resolver = std::make_unique<Resolver>(true, lookup_retries, lookup_timeout_ms, 0);
   persistent_hosts_load();
 }

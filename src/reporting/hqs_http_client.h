@@ -92,6 +92,13 @@ class HQSHttpClient : public HttpClient, protected PersistentHosts {
   bool if_modified_since;
   AConfigurator* configuration;
 
+ protected:
+  // For an object that may well end before its first request: neither handles nor resolver nor the kept
+  // addresses until open(), which comes before the first request. Twice is once.
+  HQSHttpClient(Unopened, const std::map<std::string, std::string>& names, bool compress,
+                AConfigurator* configuration, bool hmac, bool if_modified_since);
+  void open();
+
  private:
   struct HmacParams {
     std::string secret;  // as configured: enciphered

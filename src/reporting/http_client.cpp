@@ -37,8 +37,14 @@ std::string read_text(CURL* curl, CURLINFO what) {
 
 }  // namespace
 
-HttpClient::HttpClient(bool connection_reuse)
-    : response(&response_body), write_data(&response_body), write_function(&HttpClient::write_callback) {
+HttpClient::HttpClient(Unopened)
+    : response(&response_body), write_data(&response_body), write_function(&HttpClient::write_callback) {}
+
+HttpClient::HttpClient(bool connection_reuse) : HttpClient(Unopened()) {
+  open(connection_reuse);
+}
+
+void HttpClient::open(bool connection_reuse) {
   multi.reset(curl_multi_init());
   if (multi == nullptr)
     throw std::runtime_error("ERROR Fail to create m_curl multi handle for post method");

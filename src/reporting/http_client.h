@@ -94,6 +94,13 @@ class HttpClient {
   std::string last_modified;  // text of the last "Last-Modified" header
 
  protected:
+  // For an object that may well end before its first request: no handles, and so no descriptors, until
+  // open().
+  struct Unopened {};
+  explicit HttpClient(Unopened);
+  // Makes the handles; throws as the constructor. Once only.
+  void open(bool connection_reuse);
+
   // For each new socket; the result is libcurl's, 0 (CURL_SOCKOPT_OK) is to go on.
   virtual int sockopt_function(int fd, curlsocktype purpose);
   // A device or an address that every request leaves by; empty is any.

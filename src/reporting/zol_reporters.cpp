@@ -3,16 +3,17 @@
 #include <algorithm>
 #include <cstring>
 #include <utility>
+#include <vector>
 
 #include "config/zol_conf_consts.h"
 #include "config/zol_configurator.h"
 #include "config/zol_networks.h"
-#include "conntrack/none_tcp_nfct_container.h"
 #include "reporting/report_text.h"
 #include "sessions/zol_monitor_data.h"
 #include "shared_object.h"
 #include "shared_records.h"
 #include "sites/vpn_sites_services.h"
+#include "stats/proc_stats_manager.h"
 #include "zol_helper.h"
 
 namespace zol_monitor {
@@ -40,11 +41,12 @@ void publish_report(const std::string& text) {
 }  // namespace
 
 ZOLReporter::ZOLReporter(std::string url_key_in, std::string path_in, std::string timeout_key_in,
-                         bool compress, bool save_on_success_in, MonitorData* monitor_data_in)
+                         bool compress, bool save_on_success_in, MonitorData* monitor_data_in,
+                         bool sampler_wanted)
     : Reporter(zol::TheConfigurator::get_configuration(), std::move(url_key_in), std::move(path_in),
                std::move(timeout_key_in), compress, save_on_success_in),
       monitor_data(monitor_data_in),
-      machine_info(false) {}
+      machine_info(false, sampler_wanted) {}
 
 std::string ZOLReporter::get_client_cert_path() {
   std::string cert_path;
@@ -63,14 +65,18 @@ PeriodicReporter::PeriodicReporter(std::string url_key_in, std::string path_in, 
                                    bool compress, bool save_on_success_in, MonitorData* monitor_data_in,
                                    const zol::ISiteAdditionalInfo* station_monitor)
     : ZOLReporter(std::move(url_key_in), std::move(path_in), std::move(timeout_key_in), compress,
-                  save_on_success_in, monitor_data_in),
+                  save_on_success_in, monitor_data_in, true),
+      info(monitor_data_in),
       station_monitor_(station_monitor) {}
 
 std::string PeriodicReporter::create_report() {
+  ProcessesManager::instance()->calculate_processes_performance(
+      ProcessesManager::get_allowed_processes(false));
   libvariant::Variant report = libvariant::Variant::make_map();
   report.Assign("version", periodic_report_version);
   report.Assign("timestamp", zol::Helper::get_timestamp_gmt_format());
   report.Assign("machine-info", machine_info.generate_machine_info_report());
+  report.Assign("zol-info", info.generate_zol_info_report());
   if (libvariant::Variant vpn_status = get_vpn_status(); !vpn_status.At("connections").Empty())
     report.Assign("vpn-info", std::move(vpn_status));
   add_metadata(report, zol_conf_consts::monitoring_send_meta_data_on_periodic_report_key);
@@ -98,16 +104,28 @@ ZolTrafficReporter::ZolTrafficReporter(std::string url_key_in, std::string path_
                                        MonitorData* monitor_data_in, bool middle_mile_in)
     : ZOLReporter(std::move(url_key_in), std::move(path_in), std::move(timeout_key_in), compress,
                   save_on_success_in, monitor_data_in),
+      traffic(monitor_data_in),
       middle_mile(middle_mile_in) {}
 
 std::string ZolTrafficReporter::create_report() {
-  // What ended since the last report counts in no figure of this one.
-  NoneTcpNFCTContainer::instance().clear();
   libvariant::Variant report = libvariant::Variant::make_map();
   report.Assign("timestamp", zol::Helper::get_timestamp_gmt_format());
   report.Assign("machine-info", machine_info.generate_machine_info_id_report());
+  add_traffic(report);
+  report.Assign("total_traffic", traffic.get_traffic_count());
   add_metadata(report, zol_conf_consts::monitoring_send_meta_data_on_periodic_report_key);
   return report_text(report);
+}
+
+void ZolTrafficReporter::add_traffic(libvariant::Variant& report) {
+  std::vector<libvariant::Variant> tunnels;
+  const libvariant::LiteralKey key = middle_mile ? libvariant::LiteralKey("links") : "logical-networks";
+  report.Assign(key, traffic.generate_zol_traffic_report(middle_mile, tunnels));
+  if (!middle_mile)
+    return;
+  libvariant::Variant& list = report.Assign("tunnels", libvariant::Variant::make_list());
+  for (libvariant::Variant& tunnel : tunnels)
+    list.Append(std::move(tunnel));
 }
 
 ZolSessionReporter::ZolSessionReporter(std::string url_key_in, std::string path_in,

@@ -56,7 +56,9 @@ std::string HqsFixture::config_text(const std::string& secret, const std::string
   std::string text = "General: { ";
   if (!id.empty())
     text += "zol_id = " + id + "; ";
-  text += "external_ip = \"192.0.2.7\"; hqs_http_client_timeout_sec = 20; };\nMonitoring: { ";
+  text +=
+      "external_ip = \"192.0.2.7\"; hqs_http_client_timeout_sec = 20; max_thread_runtime_ms = 60000; "
+      "};\nMonitoring: { ";
   if (!secret.empty())
     text += "hmac_secret = " + secret + "; ";
   if (!window.empty())

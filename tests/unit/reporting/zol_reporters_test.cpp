@@ -6,6 +6,7 @@
 
 #include <stdexcept>
 
+#include "config/services.h"
 #include "config/zol_configurator.h"
 #include "config/zol_networks.h"
 #include "core/monitor_context.h"
@@ -33,6 +34,7 @@ using zol_monitor::ZolTrafficReporter;
 using zol_test::HttpsServer;
 using zol_test::LogCapture;
 using zol_utils::ZolReportData;
+using zol_utils::ZolStatusData;
 
 constexpr const char* url_key = "Monitoring.hqs_receiver_url";
 constexpr const char* timeout_key = "General.hqs_http_client_timeout_sec";
@@ -49,6 +51,9 @@ class FakeSites : public zol::SiteServicesBase {
     return connections;
   }
 
+  std::map<std::string, zol::SiteConnRecord> get_all_site_records() override { return records; }
+
+  std::map<std::string, zol::SiteConnRecord> records;
   Variant connections = Variant::make_list();
   std::list<const zol::ISiteAdditionalInfo*> asked_infos;
   bool asked_refresh = false;
@@ -73,11 +78,14 @@ class ZOLReportersTest : public zol_test::HqsFixture {
     zol_utils::shared_object_version = "reporting-test-" + std::to_string(getpid());
     set_config("session_report_is_enabled = true; ");
     sites_ = std::make_unique<FakeSites>();
-    data_ = std::make_unique<zol_monitor::MonitorData>(nullptr, sites_.get(), &context_, false);
+    services_ = std::make_unique<zol::Services>(false, false);
+    data_ = std::make_unique<zol_monitor::MonitorData>(services_.get(), sites_.get(), &context_, false);
+    zol_monitor::ZolTraffic::tunnels_primed = false;
   }
   ~ZOLReportersTest() override {
     zol::ZOLNetworks::instance()->floating_ips.clear();
     zol_utils::SharedObject<ZolReportData>::drop_instance();
+    zol_utils::SharedObject<ZolStatusData>::drop_instance();
     zol_utils::shared_object_version.clear();
   }
 
@@ -103,6 +111,7 @@ class ZOLReportersTest : public zol_test::HqsFixture {
   HttpsServer server_;
   zol_monitor::MonitorContext context_;
   std::unique_ptr<FakeSites> sites_;
+  std::unique_ptr<zol::Services> services_;
   std::unique_ptr<zol_monitor::MonitorData> data_;
 };
 
@@ -133,15 +142,16 @@ TEST_F(ZOLReportersTest, members) {
 // --- the periodic report ---
 
 TEST_F(ZOLReportersTest, periodic_report) {
-  // Verifies that the plain periodic report has the version, the time and the machine, and what is empty is
-  // absent.
+  // Verifies that the plain periodic report has the version, the time, the machine and the node, and what is
+  // empty is absent.
   PeriodicReporter reporter = make_periodic();
   const Variant report = libvariant::Deserialize(reporter.create_report());
-  EXPECT_THAT(keys_of(report), UnorderedElementsAre("version", "timestamp", "machine-info"));
+  EXPECT_THAT(keys_of(report), UnorderedElementsAre("version", "timestamp", "machine-info", "zol-info"));
   EXPECT_EQ(report.At("version").AsString(), "1.0");
   EXPECT_THAT(report.At("timestamp").AsString(), MatchesRegex(time_pattern));
   EXPECT_EQ(report.At("machine-info").At("id").AsString(), "node-7");
   EXPECT_EQ(report.At("machine-info").At("ip_address").AsString(), "192.0.2.7");
+  EXPECT_EQ(report.At("zol-info").At("id").AsString(), "node-7");
 }
 
 TEST_F(ZOLReportersTest, periodic_metadata) {
@@ -243,12 +253,40 @@ TEST_F(ZOLReportersTest, no_shared_record) {
 // --- the traffic report ---
 
 TEST_F(ZOLReportersTest, traffic_report) {
-  // Verifies that the traffic report has the time and the machine's identity.
+  // Verifies that an ordinary node's traffic report has the time, the machine's identity, the networks and
+  // the totals, which are those of this report.
+  const auto record = zol_utils::create_shared_record<ZolStatusData>(zol_utils::shared_object_version);
+  record->data->traffic_stats.total_bytes = 7;
+  record->data->total_retransmissions = 5;
   ZolTrafficReporter reporter = make_traffic();
   const Variant report = libvariant::Deserialize(reporter.create_report());
-  EXPECT_THAT(keys_of(report), UnorderedElementsAre("timestamp", "machine-info"));
+  EXPECT_THAT(keys_of(report),
+              UnorderedElementsAre("timestamp", "machine-info", "logical-networks", "total_traffic"));
   EXPECT_THAT(report.At("timestamp").AsString(), MatchesRegex(time_pattern));
   EXPECT_THAT(keys_of(report.At("machine-info")), UnorderedElementsAre("id", "ip_address"));
+  EXPECT_TRUE(report.At("logical-networks").IsList());
+  EXPECT_EQ(report.At("total_traffic").At("total-bytes").AsInt(), 0);
+  EXPECT_EQ(report.At("total_traffic").At("total-retransmissions").AsInt(), 5);
+}
+
+TEST_F(ZOLReportersTest, middle_mile_traffic_report) {
+  // Verifies that a middle-mile node's traffic report has links, and tunnels from the second report on, in
+  // the place of networks, and that without the shared record the totals are an empty object.
+  set_config("session_report_is_enabled = true; };\nTrafficReport: { enabled = true; ");
+  sites_->records.emplace("key-a", zol::SiteConnRecord(zol::ConnRecordType::site));
+  ZolTrafficReporter reporter = make_traffic(true);
+  Variant report = libvariant::Deserialize(reporter.create_report());
+  EXPECT_THAT(keys_of(report),
+              UnorderedElementsAre("timestamp", "machine-info", "links", "tunnels", "total_traffic"));
+  EXPECT_TRUE(report.At("links").IsList());
+  EXPECT_TRUE(report.At("tunnels").IsList());
+  EXPECT_THAT(report.At("tunnels").AsList(), IsEmpty());
+  EXPECT_TRUE(report.At("total_traffic").IsMap());
+  EXPECT_TRUE(report.At("total_traffic").Empty());
+  zol_monitor::ZolTraffic::last_report_ms -= 2000;
+  report = libvariant::Deserialize(reporter.create_report());
+  ASSERT_THAT(report.At("tunnels").AsList(), SizeIs(1));
+  EXPECT_EQ(report.At("tunnels").AsList()[0].At("upload").At("total").AsInt(), 0);
 }
 
 TEST_F(ZOLReportersTest, traffic_metadata) {
