@@ -4,7 +4,6 @@
 #include <event2/event.h>
 #include <fcntl.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,18 +14,21 @@
 #include <cstring>
 #include <memory>
 #include <stdexcept>
-#include <vector>
 
 #include "config/zol_conf_consts.h"
 #include "config/zol_configurator.h"
 #include "config/zol_networks.h"
 #include "core/sigchild_handler.h"
+#include "core/zol_core_files.h"
+#include "core/zol_event_timers.h"
 #include "core/zol_libevent.h"
 #include "core/zol_monitor.h"
 #include "core/zol_random.h"
 #include "dns/resolver.h"
 #include "dual_zol_helper.h"
 #include "sites/vpn_sites_services.h"
+#include "sites/zol_vpn_sites.h"
+#include "stats/proc_stats_manager.h"
 #include "sup_logger.h"
 #include "zol_helper.h"
 #include "zol_mp.h"
@@ -49,7 +51,6 @@ std::unique_ptr<ZOLMonitor> monitor;
 std::string node_id;
 std::unique_ptr<zol::Resolver> resolver;  // of the next hop's name
 void* next_hop_request = nullptr;         // the look-up in progress
-std::vector<zol::SigChildHandler*> sigchild_handlers;
 zol_logging_handle* logging = nullptr;
 
 SupLogger& logger() {
@@ -89,6 +90,7 @@ void build() {
   event_loop.init();
   zol_logging_watch_on(logging, zol::ZOLEventBase::base());
   zol::ZOLNetworks::instance();
+  zol::ZOLVPNSitesConf::instance();
   zol::Resolver::use_local_ns();
   resolver = std::make_unique<zol::Resolver>(false, 0, next_hop_ns_timeout_ms, 0);
   zol::SiteServices::instance();
@@ -101,6 +103,7 @@ void start_timers() {
   monitor->charge_reporter();
   SUP_LOG(logger(), log_level::info) << "Starting ZOL watchdog health mechanism ...";
   health_timer.charge(health_period_ms);
+  charge_core_check();
   SUP_LOG(logger(), log_level::info) << "Starting IPC message checking mechanism ...";
   monitor->start_ipc("zol_monitor", "");
   SUP_LOG(logger(), log_level::info) << "Starting resolver ...";
@@ -116,6 +119,8 @@ void run() {
     child_signal.add(SIGCHLD, -1);
     mp_enable();
     ReporterContext::update_dual_zol_state(monitor.get());
+    ProcessesManager::instance()->calculate_processes_performance(
+        ProcessesManager::get_allowed_processes(false));
     start_timers();
     event_loop.dispatch();
     SUP_LOG(logger(), log_level::info) << "Monitoring terminating ...";
@@ -149,6 +154,8 @@ void zol_monitor_uninit() {
     monitor->uninit_reporter();
     monitor.reset();
   }
+  drop_events();
+  stop_core_check();
   health_timer.del(false);
   next_hop_timer.del(false);
   zol_logging_and_watch_fini(logging);
@@ -203,16 +210,6 @@ void dump_signal_handler(int signal, short, void*) {
   free(text);
 }
 
-void sigchild_handler(int, short, void*) {
-  int status = 0;
-  for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG | WUNTRACED)) >= 1;) {
-    for (zol::SigChildHandler* handler : sigchild_handlers) {
-      if (handler->sigchld_handler_cb(pid, status))
-        break;
-    }
-  }
-}
-
 void reload_logging() {
   zol_logging_reload(logging);
 }
@@ -240,11 +237,3 @@ int process_main() {
 }
 
 }  // namespace zol_monitor
-
-namespace zol {
-
-void sigchild_handler_register(SigChildHandler* handler) {
-  zol_monitor::sigchild_handlers.push_back(handler);
-}
-
-}  // namespace zol

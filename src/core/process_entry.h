@@ -26,6 +26,5 @@ void resolve_complete_cb(bool failed, const char* canonical_name, int ttl_second
 
 // Signals, taken as events of the loop.
 void dump_signal_handler(int signal, short events, void* arg);
-void sigchild_handler(int signal, short events, void* arg);
 
 }  // namespace zol_monitor

@@ -7,6 +7,7 @@
 #include "config/services.h"
 #include "config/zol_conf_consts.h"
 #include "config/zol_configurator.h"
+#include "conntrack/conntrack_states.h"
 #include "core/zol_cli_passthrough.h"
 #include "core/zol_libevent.h"
 #include "dual_zol_helper.h"
@@ -44,9 +45,14 @@ void answer_cli(const char* handler, int fd, msgtype_e type, const std::string& 
 ZOLMonitor::ZOLMonitor(const std::string& node_id)
     : Monitor(the_services(), zol::SiteServices::instance(), nullptr, true), node_id_(node_id) {
   init_socket();
+  owned_states_manager_ = std::make_unique<ConntrackStatesManager>(this);
+  states_manager = owned_states_manager_.get();
+  states_manager->reconfigure();
 }
 
 ZOLMonitor::~ZOLMonitor() {
+  owned_states_manager_.reset();
+  states_manager = nullptr;
   event.del(false);
   close_socket(fd);
 }

@@ -1,11 +1,14 @@
 // The daemon's one top-level object, and the process-wide pieces around it.
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "core/monitor.h"
 
 namespace zol_monitor {
+
+class ConntrackStatesManager;
 
 // The monitor of this node: Monitor, opened on the node's IPC, with the messages that concern the process
 // itself and those that become events.
@@ -33,6 +36,7 @@ class ZOLMonitor : public Monitor {
 
  private:
   std::string node_id_;
+  std::unique_ptr<ConntrackStatesManager> owned_states_manager_;  // MonitorData::states_manager
 };
 
 // Hands General.ipc_write_sleep_time_us to the IPC library; -1 when it is missing, with an error line.

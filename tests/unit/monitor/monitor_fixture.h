@@ -22,7 +22,8 @@ namespace zol_test {
 // The settings that a monitor can't do without; `more` goes into Monitoring.
 inline std::string monitor_config(const std::string& more = "") {
   return R"(
-General: { zol_id = "unit"; external_ip = "192.0.2.1"; hqs_http_client_timeout_sec = 2; };
+General: { zol_id = "unit"; external_ip = "192.0.2.1"; hqs_http_client_timeout_sec = 2;
+           max_thread_runtime_ms = 60000; };
 IPTables: { internal_port_range_start = 9000; internal_port_range_end = 9100; };
 Monitoring: {
   hqs_receiver_url = "https://127.0.0.1:1"; hqs_slr_receiver_url = "https://127.0.0.1:1";
