@@ -3,7 +3,7 @@
 
     holder.py WORKDIR [FOLDER...]
 
-Everything that a node keeps outside of its working directory is private here: /run, /dev/shm, /tmp, and of /etc
+Everything that a node keeps outside of its working directory is private here: /run, /dev/shm, /tmp, /var/log, /var/crash, and of /etc
 the resolv.conf and hosts of WORKDIR/etc. The folders stay visible though they lie in /tmp. Prints "ready PID" with the
 pid of the holding process as the starter sees it; others join by that pid. The holding process is the first of its
 process namespace: when it ends, the kernel ends all others in it. It ends with its starter, or when its standard input
@@ -57,6 +57,9 @@ def own_mounts(folders):
     own_files(folders[0])
     # After /etc: its files may be links into /run.
     mount("tmpfs", "/dev/shm", "tmpfs")
+    for cores in ("/var/log", "/var/crash"):  # the daemon marks the core files that it finds there
+        if pathlib.Path(cores).is_dir():
+            mount("tmpfs", cores, "tmpfs")
     if not pathlib.Path("/etc/resolv.conf").resolve().is_relative_to("/run"):
         mount("tmpfs", "/run", "tmpfs")
     else:

@@ -52,9 +52,9 @@ def inside(name):
         os.close(home)
 
 
-def socket_in(name, kind=socket.SOCK_STREAM):
+def socket_in(name, kind=socket.SOCK_STREAM, family=socket.AF_INET, protocol=0):
     with inside(name):
-        return socket.socket(socket.AF_INET, kind)
+        return socket.socket(family, kind, protocol)
 
 
 def execute(name, *command, data=None):

@@ -145,8 +145,13 @@ class Node:
         fresh.write_text(text)
         fresh.rename(self.folder / name)
 
-    def set_rules(self):
-        self.network.set_rules(rules.mangle(self.services, network.CLIENT_DEVICE))
+    def set_rules(self, extra=()):
+        """Also begins to count from 0."""
+        self.network.set_rules(rules.mangle(self.services, network.CLIENT_DEVICE, extra))
+
+    def counted(self):
+        """What the kernel's rules counted since set_rules: (service, nibble, direction) to (packets, bytes)."""
+        return rules.counted(netns.execute(self.network.node, "iptables-save", "-c", "-t", "mangle"))
 
     def command(self, *words):
         """A command line that runs inside the node, in its folder."""

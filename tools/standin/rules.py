@@ -5,18 +5,25 @@ a previous hop, 2 for one that the proxy opens onward. Its bit 3, which says tha
 runs against the session's, stays clear: the client opens the In leg and the proxy the Out leg. Bits 24, 25 and 26
 are added by real segments: a FIN that this node received, an RST that it received, an RST that it sent.
 
+Behind them stand rules that only count: the bytes and packets of each service, nibble and direction, at the hooks at
+which the kernel's connection tracking counts them. They are the independent truth beside the daemon's figures.
+
 An In leg is known by the port that it came in on. An Out leg is known by the packet mark that the proxy gives its
 sockets, service id << 8, since two services may share a target.
 """
+import re
+
 IN_LEG = 0x10
 OUT_LEG = 0x20
 FIN_RECEIVED = 0x1000000
 RST_RECEIVED = 0x2000000
 RST_SENT = 0x4000000
+DIRECTIONS = ("ORIGINAL", "REPLY")
+COUNTED = re.compile(r"\[(\d+):(\d+)\] -A .* --comment counted-(\d+)-(\d+)-(\w+)")
 
 
-def mangle(services, client_device):
-    """The mangle table as iptables-restore reads it."""
+def mangle(services, client_device, extra=()):
+    """The mangle table as iptables-restore reads it; `extra` rules stand before those that count."""
     lines = ["*mangle"]
     new = "-m conntrack --ctstate NEW"
     for service in services:
@@ -31,4 +38,27 @@ def mangle(services, client_device):
                              ("POSTROUTING", "RST", RST_SENT)):
         lines.append(f"-A {chain} -p tcp --tcp-flags {flag} {flag} {marked} "
                      f"-j CONNMARK --set-xmark {bit:#x}/{bit:#x}")
-    return "\n".join([*lines, "COMMIT", ""])
+    return "\n".join([*lines, *extra, *counting(services), "COMMIT", ""])
+
+
+def counting(services):
+    """Rules without a target, one for each service, nibble and direction of the kernel's own."""
+    lines = []
+    for service in services:
+        for nibble in (1, 2, 3, 9, 10):
+            mark = service["service_id"] << 8 | nibble << 4
+            for chain in ("PREROUTING", "OUTPUT"):
+                for direction in DIRECTIONS:
+                    lines.append(f"-A {chain} -m connmark --mark {mark:#x}/0xfff0 -m conntrack --ctdir {direction} "
+                                 f"-m comment --comment counted-{service['service_id']}-{nibble}-{direction}")
+    return lines
+
+
+def counted(saved):
+    """Of what `iptables-save -c` printed: (service, nibble, direction) to (packets, bytes)."""
+    sums = {}
+    for packets, size, service, nibble, direction in COUNTED.findall(saved):
+        key = int(service), int(nibble), direction
+        before = sums.get(key, (0, 0))
+        sums[key] = before[0] + int(packets), before[1] + int(size)
+    return sums

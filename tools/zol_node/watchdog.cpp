@@ -98,6 +98,8 @@ void Watchdog::make_records() {
   records_.status = zol_utils::create_shared_record<zol_utils::ZolStatusData>(version);
   records_.report = zol_utils::create_shared_record<zol_utils::ZolReportData>(version);
   records_.services = zol_utils::create_shared_record<zol_utils::ZolHistoricServices>(version);
+  records_.states = zol_utils::create_shared_record<zol_utils::ConntrackStates>(version);
+  records_.aggregated = zol_utils::create_shared_record<zol_utils::AggregatedStats>(version);
   EventLine("records");
 }
 

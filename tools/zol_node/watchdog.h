@@ -36,6 +36,8 @@ class Watchdog {
     std::unique_ptr<zol_utils::SharedObject<zol_utils::ZolStatusData>> status;
     std::unique_ptr<zol_utils::SharedObject<zol_utils::ZolReportData>> report;
     std::unique_ptr<zol_utils::SharedObject<zol_utils::ZolHistoricServices>> services;
+    std::unique_ptr<zol_utils::SharedObject<zol_utils::ConntrackStates>> states;
+    std::unique_ptr<zol_utils::SharedObject<zol_utils::AggregatedStats>> aggregated;
   };
 
   template <void (Watchdog::*member)()>

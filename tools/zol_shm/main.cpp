@@ -4,7 +4,8 @@
 //   zol_shm lock RECORD SECONDS   takes the lock, prints "locked", lets it go after that time
 //   zol_shm die RECORD            takes the lock, prints "locked", and ends without letting it go
 //
-// RECORD is status, report or services. Status 1 when the record isn't there or can't be locked.
+// RECORD is status, report, services, states or aggregated. Status 1 when the record isn't there or can't be
+// locked.
 #include <semaphore.h>
 #include <unistd.h>
 
@@ -24,7 +25,8 @@
 namespace {
 
 constexpr const char* usage =
-    "usage: zol_shm dump|die RECORD, zol_shm lock RECORD SECONDS; RECORD: status|report|services\n";
+    "usage: zol_shm dump|die RECORD, zol_shm lock RECORD SECONDS; "
+    "RECORD: status|report|services|states|aggregated\n";
 
 template <typename T>
 void dump(const T& record) {
@@ -79,6 +81,10 @@ int main(int argc, char** argv) {
       return work<zol_utils::ZolReportData>(command, argv[argc - 1]);
     if (good && record == "services")
       return work<zol_utils::ZolHistoricServices>(command, argv[argc - 1]);
+    if (good && record == "states")
+      return work<zol_utils::ConntrackStates>(command, argv[argc - 1]);
+    if (good && record == "aggregated")
+      return work<zol_utils::AggregatedStats>(command, argv[argc - 1]);
   } catch (const std::exception& error) {
     fprintf(stderr, "zol_shm: %s\n", error.what());
     return 1;
