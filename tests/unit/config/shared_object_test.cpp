@@ -136,6 +136,8 @@ TEST_F(SharedObjectTest, Name) {
             "/PN9zol_utils12SharedObjectINS_13ZolReportDataEEE-2_mem");
   EXPECT_EQ(SharedObject<zol_utils::ZolHistoricServices>::object_name("2"),
             "/PN9zol_utils12SharedObjectINS_19ZolHistoricServicesEEE-2_mem");
+  EXPECT_EQ(SharedObject<zol_utils::ConntrackStates>::object_name("2"),
+            "/PN9zol_utils12SharedObjectINS_15ConntrackStatesEEE-2_mem");
 }
 
 // Verifies that a record is created with its size, for everybody whatever the mask, with a free lock, and

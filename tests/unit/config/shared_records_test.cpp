@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <memory>
 #include <vector>
 
 namespace {
@@ -88,6 +89,28 @@ TEST(SharedRecords, HistoricServices) {
   ASSERT_EQ(bytes.size(), 4144U);
   EXPECT_EQ(bytes[48], 1);
   EXPECT_EQ(bytes[4143], 2);
+}
+
+// Verifies that the memory of counters is 100000 entries of 80 bytes behind the header.
+TEST(SharedRecords, ConntrackStates) {
+  const auto states = std::make_unique<ConntrackStates>();
+  ConntrackEntry& second = states->entries[1];
+  second.id[39] = 'i';
+  second.orig_packets = 40;
+  second.orig_bytes = 48;
+  second.repl_packets = 56;
+  second.repl_bytes = 64;
+  second.known = 72;
+  states->entries[99999].reserved[6] = 79;
+  const auto bytes = bytes_of(*states);
+  ASSERT_EQ(bytes.size(), 8000048U);
+  EXPECT_EQ(bytes[48 + 80 + 39], 'i');
+  EXPECT_EQ(value_at<std::uint64_t>(bytes, 48 + 80 + 40), 40U);
+  EXPECT_EQ(value_at<std::uint64_t>(bytes, 48 + 80 + 48), 48U);
+  EXPECT_EQ(value_at<std::uint64_t>(bytes, 48 + 80 + 56), 56U);
+  EXPECT_EQ(value_at<std::uint64_t>(bytes, 48 + 80 + 64), 64U);
+  EXPECT_EQ(bytes[48 + 80 + 72], 72);
+  EXPECT_EQ(bytes.back(), 79);
 }
 
 }  // namespace

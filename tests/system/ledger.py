@@ -1,0 +1,96 @@
+"""What traffic reports told, beside what iptables rules counted at the hooks of the kernel's connection tracking."""
+import collections
+import threading
+
+from standin import netns, traffic
+from standin.wait import run_and_expect
+
+# Long enough for every reading to meet a connection that ended since the last.
+TIMEOUTS = ("time_wait", "close", "last_ack")
+STREAMS = [(stream, way) for stream in ("client-to-server", "server-to-client") for way in ("incoming", "outgoing")]
+
+
+def lengthen_timeouts(node):
+    netns.execute(node.network.node, "sysctl", "-q", "-w",
+                  *(f"net.netfilter.nf_conntrack_tcp_timeout_{state}=60" for state in TIMEOUTS))
+
+
+def reports(node):
+    return [record["body"] for record in node.requests("/zolTrafficReport") if record["verified"]]
+
+
+def entries(node, network_id):
+    return [entry for body in reports(node) for entry in body["logical-networks"]
+            if entry["logical-network-id"] == network_id]
+
+
+def moved(objects):
+    """The sums of `traffic` of some objects: (stream, way) to (packets, bytes)."""
+    sums = {}
+    for stream, way in STREAMS:
+        parts = [entry["traffic"][stream] for entry in objects if "traffic" in entry]
+        sums[stream, way] = (sum(part[f"{way}-packets"] for part in parts), sum(part[f"{way}-bytes"] for part in parts))
+    return sums
+
+
+def truth(node, number):
+    """The same from the kernel's rules. A forwarded connection shows its answer as what the client sent."""
+    counted = collections.defaultdict(lambda: (0, 0), node.counted())
+
+    def total(*keys):
+        found = [counted[(number, *key)] for key in keys]
+        return tuple(map(sum, zip(*found)))
+
+    return {
+        ("client-to-server", "incoming"): total((1, "ORIGINAL"), (10, "REPLY"), (3, "REPLY")),
+        ("client-to-server", "outgoing"): total((2, "ORIGINAL"), (9, "REPLY"), (3, "REPLY")),
+        ("server-to-client", "incoming"): total((2, "REPLY"), (9, "ORIGINAL"), (3, "ORIGINAL")),
+        ("server-to-client", "outgoing"): total((1, "REPLY"), (10, "ORIGINAL"), (3, "ORIGINAL")),
+    }
+
+
+def after_report(node, count=1):
+    """Waits for that many reports more."""
+    wanted = len(reports(node)) + count
+    run_and_expect(lambda: len(reports(node)), lambda found: found >= wanted, timeout=30)
+
+
+def differences(node, numbers, expected):
+    """What the reports' sums of those networks have too much or too little: empty when every byte is there once."""
+    wrong = {}
+    for number in numbers:
+        told = moved(entries(node, f"network-{number}"))
+        for key, (packets, size) in expected[number].items():
+            if told[key] != (packets, size):
+                wrong[number, *key] = f"{told[key][0] - packets:+} packets, {told[key][1] - size:+} bytes"
+    return wrong
+
+
+def expect_conserved(node, *numbers, uncounted=()):
+    """The reports' sums become the kernel's, and stay so when nothing more moves.
+
+    `uncounted` are (number, stream, way) that no report may count.
+    """
+    kernels = {number: truth(node, number) for number in numbers}
+    expected = {number: {key: (0, 0) if (number, *key) in uncounted else moves for key, moves in streams.items()}
+                for number, streams in kernels.items()}
+    run_and_expect(lambda: differences(node, numbers, expected), {}, timeout=20)
+    after_report(node, 2)
+    assert differences(node, numbers, expected) == {}
+    assert kernels == {number: truth(node, number) for number in numbers}, "something still moved"
+    return expected
+
+
+def answer(target, size):
+    thread = threading.Thread(target=target.sendall, args=(bytes(size),))
+    thread.start()
+    return thread
+
+
+def bulk(client, target, size):
+    """That many bytes each way."""
+    there, back = answer(client, size), answer(target, size)
+    traffic.read_exactly(target, size)
+    traffic.read_exactly(client, size)
+    there.join()
+    back.join()

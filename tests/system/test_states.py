@@ -1,0 +1,205 @@
+"""Counting by the memory of connection states: the kernel's counters stay as they are, and a restart loses nothing."""
+import os
+import re
+import signal
+
+import pytest
+
+from ledger import after_report, bulk, entries, expect_conserved, lengthen_timeouts, moved, reports, truth
+from standin import netns, network, table
+from standin.node import service
+from standin.wait import run_and_expect
+
+PERIOD_MS = 1500
+SERVICES = [service(1), service(2)]
+DUMP = "/tmp/ct_states_shm.dmp-1.0.0"
+FULL = "Too many open connections, can't save entry state"
+
+
+@pytest.fixture
+def still_node(make_node):
+    """A node that hasn't been started."""
+    node = make_node(services=SERVICES, settings={"Monitoring.traffic_report_resolution_ms": PERIOD_MS,
+                                                  "Monitoring.conntrack_states_enabled": True})
+    lengthen_timeouts(node)
+    return node
+
+
+@pytest.fixture
+def node(still_node):
+    still_node.start()
+    still_node.wait_log("Conntrack States is active!")
+    return still_node
+
+
+def kernel_bytes(node, port):
+    """What `conntrack -L` shows of the In leg from that client port: original and reply bytes."""
+    listed = netns.execute(node.network.node, "conntrack", "-L", "-p", "tcp", "--orig-port-src", str(port))
+    return tuple(map(int, re.findall(r"bytes=(\d+)", listed)))
+
+
+def restarted(node, old):
+    return run_and_expect(node.monitor_pid, lambda pid: pid != old)
+
+
+def port_of(connection):
+    return connection.getsockname()[1]
+
+
+def test_counters_stay_in_the_kernel(node):
+    """Verifies the sums over several readings, while another reader still sees all that the connection moved."""
+    client, target = node.traffic.session(SERVICES[0])
+    for _ in range(3):
+        bulk(client, target, 100_000)
+        after_report(node)
+    expected = expect_conserved(node, 1)[1]
+    assert kernel_bytes(node, port_of(client)) == (expected["client-to-server", "incoming"][1],
+                                                   expected["server-to-client", "outgoing"][1])
+    assert kernel_bytes(node, port_of(client))[0] > 300_000
+
+
+def test_ended_connections_leave_the_memory(node):
+    """Verifies that connections that ended are counted whole and that their ports may be used again."""
+    for round_ in range(2):
+        after_report(node)
+        for port in range(15000, 15010):
+            client, target = node.traffic.session(SERVICES[0], source_port=port)
+            bulk(client, target, 1000)
+            client.close()
+            assert target.recv(1) == b""
+            target.close()
+        expect_conserved(node, 1)
+        netns.execute(node.network.node, "conntrack", "-D", "-p", "tcp", "--mark", "0x100/0xff00")
+
+
+def test_killed_between_two_readings(node):
+    """Verifies that a kill -9 loses nothing and counts nothing twice, also what moved while the daemon was away."""
+    client, target = node.traffic.session(SERVICES[0])
+    bulk(client, target, 100_000)
+    after_report(node, 2)
+    bulk(client, target, 50_000)
+    first = node.monitor_pid()
+    node.expect_clean = False
+    node.signal_monitor(signal.SIGKILL)
+    bulk(client, target, 70_000)
+    restarted(node, first)
+    bulk(client, target, 30_000)
+    expect_conserved(node, 1)
+
+
+def test_killed_in_the_middle_of_a_reading(node):
+    """Verifies that what was counted before isn't counted again, with 20,000 more connections to read."""
+    client, target = node.traffic.session(SERVICES[0])
+    bulk(client, target, 100_000)
+    expect_conserved(node, 1)
+    crowd = [table.created(*ends, mark=0x210) for ends in table.crowd(20_000)]
+    table.send(node.network.node, crowd)
+    first = node.monitor_pid()
+    pid = node.host_pid(first)
+    node.expect_clean = False
+    log = node.folder / "monitor.log"
+
+    def reading():
+        with log.open("rb") as stream:
+            stream.seek(max(0, log.stat().st_size - 2000))
+            return b"dump_parser" in stream.read()
+
+    run_and_expect(lambda: not reading(), True)
+    known = len(reports(node))
+    run_and_expect(reading, True, interval=0.005)
+    os.kill(pid, signal.SIGKILL)
+    restarted(node, first)
+    assert len(reports(node)) == known, "the reading had ended"
+    bulk(client, target, 30_000)
+    expect_conserved(node, 1)
+
+
+def test_stopped_in_order(node):
+    """Verifies the road over the dump file: written at the end, taken and removed at the start, nothing lost."""
+    client, target = node.traffic.session(SERVICES[0])
+    bulk(client, target, 100_000)
+    after_report(node)
+    first = node.monitor_pid()
+    node.cli("terminate")
+    node.watchdog.wait_event("exited", pid=first)
+    assert f"Conntrack states were written successfully to {DUMP}" in node.log()
+    bulk(client, target, 60_000)
+    restarted(node, first)
+    node.wait_log("Conntrack states dump file was read successfully")
+    assert node.run("ls", DUMP, check=False).returncode != 0
+    bulk(client, target, 30_000)
+    expect_conserved(node, 1)
+
+
+@pytest.mark.parametrize("content, text", [
+    (b"short", "Conntrack states dump file was read successfully"),
+    (None, "Could not open conntrack states dump file"),
+])
+def test_bad_dump_file(still_node, content, text):
+    """Verifies that a file that is short or unreadable is told and doesn't disturb the counting."""
+    node = still_node
+    if content is None:
+        node.run("ln", "-s", DUMP, DUMP)  # opens for nobody, root neither
+    else:
+        node.run("sh", "-c", f"printf {content.decode()} > {DUMP}")
+    node.start()
+    node.wait_log(text)
+    client, target = node.traffic.session(SERVICES[0])
+    bulk(client, target, 20_000)
+    expect_conserved(node, 1)
+
+
+def test_dump_file_of_another_version(still_node):
+    """Verifies that another version's file stays where it is."""
+    node = still_node
+    other = "/tmp/ct_states_shm.dmp-0.9.9"
+    node.run("sh", "-c", f"printf other > {other}")
+    node.start()
+    after_report(node)
+    assert node.run("cat", other).stdout == "other"
+    assert "dump file was read successfully" not in node.log()
+
+
+def test_switched_off_and_on(node):
+    """Verifies that the setting changes hands at a quiet moment without a byte lost or counted twice."""
+    client, target = node.traffic.session(SERVICES[0])
+    bulk(client, target, 100_000)
+    expect_conserved(node, 1)
+    node.settings["Monitoring.conntrack_states_enabled"] = False
+    node.reload()
+    node.wait_log("Conntrack States is not active!")
+    assert kernel_bytes(node, port_of(client)) == (0, 0)
+    bulk(client, target, 50_000)
+    expect_conserved(node, 1)
+    node.settings["Monitoring.conntrack_states_enabled"] = True
+    node.reload()
+    node.wait_log("Conntrack States is active!", count=2)
+    bulk(client, target, 40_000)
+    expect_conserved(node, 1)
+
+
+def test_full_memory(still_node):
+    """Verifies the limit of 100,000 connections, its warning, and the recovery once there is room again."""
+    node = still_node
+    if int(netns.execute(node.network.node, "sysctl", "-n", "net.netfilter.nf_conntrack_max")) < 120_000:
+        pytest.skip("the kernel's connection table holds less than 120,000 entries here")
+    node.write_file("log.properties", (node.folder / "log.properties").read_text().replace("DEBUG", "WARN"))
+    node.start()
+    after_report(node)
+    crowd = table.crowd(100_050)
+    table.send(node.network.node, [table.created(*ends, mark=0x210) for ends in crowd])
+    node.wait_log(FULL, count=50, timeout=60)
+    client, target = node.traffic.session(SERVICES[0])
+    bulk(client, target, 20_000)
+    after_report(node, 3)
+    # Not remembered: its absolute counters are counted again at each reading.
+    counted = moved(entries(node, "network-1"))["client-to-server", "incoming"][1]
+    assert counted >= 2 * truth(node, 1)["client-to-server", "incoming"][1] > 40_000
+    table.send(node.network.node, [table.deleted(*ends) for ends in crowd[:1000]])
+    after_report(node, 3)
+    before = moved(entries(node, "network-1")), truth(node, 1)
+    bulk(client, target, 20_000)
+    after_report(node, 3)
+    after = moved(entries(node, "network-1")), truth(node, 1)
+    for stream in before[0]:
+        assert after[0][stream][1] - before[0][stream][1] == after[1][stream][1] - before[1][stream][1]
