@@ -3,8 +3,8 @@
 
     holder.py WORKDIR [FOLDER...]
 
-Everything that a node keeps outside of its working directory is private here: /run, /dev/shm, /tmp, /var/log, /var/crash, and of /etc
-the resolv.conf and hosts of WORKDIR/etc. The folders stay visible though they lie in /tmp. Prints "ready PID" with the
+Everything that a node keeps outside of its working directory is private here: /run, /dev/shm, /tmp, /var/log,
+/var/crash, and of /etc the resolv.conf and hosts of WORKDIR/etc. The folders stay visible though they lie in /tmp. Prints "ready PID" with the
 pid of the holding process as the starter sees it; others join by that pid. The holding process is the first of its
 process namespace: when it ends, the kernel ends all others in it. It ends with its starter, or when its standard input
 is closed.
