@@ -151,7 +151,8 @@ bool ZOLNetworks::is_my_private_ip(unsigned int ip) const {
 }
 
 bool ZOLNetworks::is_private_network(unsigned int ip) const {
-  return Helper::is_private_address(ip) && hop_map.get_all_peer_ips(false).contains(address_text(ip));
+  const std::set<std::string>& peers = hop_map.get_all_peer_ips(false);
+  return !peers.empty() && Helper::is_private_address(ip) && peers.contains(address_text(ip));
 }
 
 bool ZOLNetworks::should_remove_vrrp_alias() const {

@@ -117,6 +117,7 @@ void ConntrackStatesManager::reconfigure() {
     start();
   } else {
     const ConntrackStats resets_the_kernels_counters(data, false, true);
+    drop_entries();
   }
 }
 
@@ -149,6 +150,15 @@ void ConntrackStatesManager::forget_entries() {
   states.clear();
   free_entries.clear();
   has_entries_ = false;
+}
+
+// What they remember was subtracted from counters that begin anew.
+void ConntrackStatesManager::drop_entries() {
+  forget_entries();
+  with_states("reconfigure", [](zol_utils::ConntrackStates& record) {
+    for (ConntrackEntry& entry : record.entries)
+      entry.id[0] = 0;
+  });
 }
 
 void ConntrackStatesManager::take_entries(zol_utils::ConntrackStates& record) {
@@ -208,19 +218,22 @@ void ConntrackStatesManager::delete_state(const nf_conntrack* ct) {
 // --- counting
 // ---------------------------------------------------------------------------------------------------
 
-void ConntrackStatesManager::update_ct_counters(nf_conntrack* ct, bool first_time) {
-  if (active && !update_ct_counters_internal(ct, first_time)) {
+bool ConntrackStatesManager::update_ct_counters(nf_conntrack* ct, bool first_time) {
+  bool is_known = false;
+  if (active && !update_ct_counters_internal(ct, first_time, is_known)) {
     SUP_LOG(logger(), log_level::error) << "update_ct_counters"
                                         << "Could not read from shared memory, Ignoring traffic";
   }
+  return is_known;
 }
 
-bool ConntrackStatesManager::update_ct_counters_internal(nf_conntrack* ct, bool first_time) {
+bool ConntrackStatesManager::update_ct_counters_internal(nf_conntrack* ct, bool first_time, bool& is_known) {
   const ConntrackId id(ct);
   return with_states("update_ct_counters_internal", [&](zol_utils::ConntrackStates& record) {
     if (!has_entries_)
       take_entries(record);  // it wasn't there at the start
     const auto state = states.find(id.text());
+    is_known = state != states.end() && state->second.entry->known != 0;
     if (state != states.end())
       update_entry(ct, state->second, id.text(), first_time);
     else if (free_entries.empty())

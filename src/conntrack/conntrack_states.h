@@ -72,7 +72,7 @@ class ConntrackStatesManager : public zol::IReconfigure {
   // Forgets what this process knows and writes the record to the dump file. Nothing while inactive.
   void stop();
 
-  // Follows the setting. Turning it off resets the kernel's counters, once.
+  // Follows the setting. Turning it off resets the kernel's counters, once, and empties the record.
   void reconfigure() override;
   // The setting differs from what runs; `enabled` takes the setting.
   bool need_reconf(bool& enabled) override;
@@ -83,7 +83,8 @@ class ConntrackStatesManager : public zol::IReconfigure {
   // that wasn't, they stay. With `first_time` nothing will be counted: a new connection's counters become 0,
   // what it carried before is counted by nobody, and a remembered one's memory stays for the next reading.
   // Nothing while inactive.
-  void update_ct_counters(nf_conntrack* ct, bool first_time);
+  // Gives what is_ct_known would, which spares a dump that look-up.
+  bool update_ct_counters(nf_conntrack* ct, bool first_time);
   // The connection has been counted before, maybe by an earlier run of the daemon.
   bool is_ct_known(const nf_conntrack* ct);
   void mark_ct_as_known(const nf_conntrack* ct);
@@ -111,8 +112,9 @@ class ConntrackStatesManager : public zol::IReconfigure {
   template <typename F>
   bool with_states(const char* caller, F&& work);
   void forget_entries();
+  void drop_entries();
   void take_entries(zol_utils::ConntrackStates& record);
-  bool update_ct_counters_internal(nf_conntrack* ct, bool first_time);
+  bool update_ct_counters_internal(nf_conntrack* ct, bool first_time, bool& is_known);
   void update_entry(nf_conntrack* ct, ct_state_t& state, std::string_view id, bool first_time);
   void add_entry(nf_conntrack* ct, std::string_view id, bool first_time);
   StateMap::iterator free_state(StateMap::iterator state);

@@ -55,9 +55,12 @@ bool is_udp_enabled() {
 
 // What counting a connection takes.
 struct ConntrackStats::CountedFlow {
+  std::uint8_t protonum = 0;
+  std::uint32_t mark = 0;
   nfconntrack_ends_t ends{};
   std::uint8_t m = 0;  // the normalised nibble
   bool reversed = false;
+  bool known = false;  // to the memory of counters
   conntrack_counters_t counters{};
   FoundLeg leg{};
   std::uint32_t client = 0;
@@ -137,15 +140,13 @@ const std::string& ConntrackStats::network_id(const nf_conntrack* ct) const {
 
 void ConntrackStats::counters_dump_parser(conntrack_counters_t* out, bool swap, const nf_conntrack* ct) {
   *out = {};
-  for (const int attribute : {ATTR_ORIG_COUNTER_PACKETS, ATTR_REPL_COUNTER_PACKETS, ATTR_ORIG_COUNTER_BYTES,
-                              ATTR_REPL_COUNTER_BYTES})
-    if (!nfconntrack_test_bit(ct, attribute)) {
-      SUP_LOG(logger(), log_level::warning)
-          << "Failed to read counters. net.netfilter.nf_conntrack_acct may be zero";
-      return;
-    }
-  const nfconntrack_stats_t sent = nfconntrack_get_orig_stats(ct);
-  const nfconntrack_stats_t answered = nfconntrack_get_repl_stats(ct);
+  nfconntrack_stats_t sent;
+  nfconntrack_stats_t answered;
+  if (!nfconntrack_get_counters(ct, sent, answered)) {
+    SUP_LOG(logger(), log_level::warning)
+        << "Failed to read counters. net.netfilter.nf_conntrack_acct may be zero";
+    return;
+  }
   const nfconntrack_stats_t& tx = swap ? sent : answered;
   const nfconntrack_stats_t& rx = swap ? answered : sent;
   *out = {tx.packets, tx.bytes, rx.packets, rx.bytes};
@@ -169,17 +170,22 @@ int ConntrackStats::dump_parser(nf_conntrack_msg_type, nf_conntrack* ct) {
       << "dump_parser"
       << " " << (first_time ? "[first time]" : "") << (ignore_query ? "[ignoring query]" : "") << " "
       << debug_dump(ct, data);
-  if (takes_non_tcp_path(ct))
+  const std::uint8_t protonum = nfconntrack_get_protonum(ct);
+  const std::uint32_t mark = nfconntrack_get_mark(ct);
+  if (takes_non_tcp_path(protonum, mark)) {
     parse_non_tcp(ct);
-  else if (is_countable(ct))
-    parse_marked(ct);
+    return NFCT_CB_CONTINUE;
+  }
+  CountedFlow flow = {.protonum = protonum, .mark = mark};
+  if (is_countable(ct, flow))
+    parse_marked(ct, flow);
   return NFCT_CB_CONTINUE;
 }
 
-bool ConntrackStats::takes_non_tcp_path(const nf_conntrack* ct) const {
-  const bool is_tcp = nfconntrack_get_protonum(ct) == IPPROTO_TCP;
+bool ConntrackStats::takes_non_tcp_path(std::uint8_t protonum, std::uint32_t mark) const {
+  const bool is_tcp = protonum == IPPROTO_TCP;
   if (is_gxe)
-    return !is_tcp || (nfconntrack_get_mark(ct) & non_tcp_treatment_mark) != 0;
+    return !is_tcp || (mark & non_tcp_treatment_mark) != 0;
   return !is_tcp && is_udp_enabled();
 }
 
@@ -196,11 +202,11 @@ void ConntrackStats::parse_non_tcp(nf_conntrack* ct) {
     ct_parser_non_tcp_gxs(ct);
 }
 
-bool ConntrackStats::is_countable(const nf_conntrack* ct) const {
-  const std::uint8_t protonum = nfconntrack_get_protonum(ct);
-  if (protonum != IPPROTO_TCP && protonum != IPPROTO_UDP)
+// Fills in the ends.
+bool ConntrackStats::is_countable(const nf_conntrack* ct, CountedFlow& flow) const {
+  if (flow.protonum != IPPROTO_TCP && flow.protonum != IPPROTO_UDP)
     return false;
-  if (protonum == IPPROTO_TCP && !nfconntrack_test_bit(ct, ATTR_TCP_STATE)) {
+  if (flow.protonum == IPPROTO_TCP && !nfconntrack_test_bit(ct, ATTR_TCP_STATE)) {
     SUP_LOG(logger(), log_level::error) << "Ignoring TCP connections without state";
     return false;
   }
@@ -208,34 +214,35 @@ bool ConntrackStats::is_countable(const nf_conntrack* ct) const {
     SUP_LOG(logger(), log_level::error) << "Ignoring TCP connections without mark";
     return false;
   }
-  if (conntrack_mark::normalised_nibble(nfconntrack_get_mark(ct)) == 0) {
+  flow.m = static_cast<std::uint8_t>(conntrack_mark::normalised_nibble(flow.mark));
+  if (flow.m == 0) {
     SUP_LOG(logger(), log_level::trace) << "Ignoring TCP connections without IO Mark";
     return false;
   }
-  const nfconntrack_ends_t ends = nfconntrack_get_ends(ct);
+  flow.ends = nfconntrack_get_ends(ct);
   const std::uint32_t loopback = htonl(INADDR_LOOPBACK);
-  if (ends.src == loopback && ends.dst == loopback) {
+  if (flow.ends.src == loopback && flow.ends.dst == loopback) {
     SUP_LOG(logger(), log_level::trace) << "Ignoring TCP connections on loopback";
     return false;
   }
-  if (ends.src == 0 || ends.sport == 0) {
+  if (flow.ends.src == 0 || flow.ends.sport == 0) {
     SUP_LOG(logger(), log_level::error) << "Failed to retrieve connection address";
     return false;
   }
   return true;
 }
 
-void ConntrackStats::parse_marked(nf_conntrack* ct) {
-  Network& network = network_of(ct);
+void ConntrackStats::parse_marked(nf_conntrack* ct, CountedFlow& flow) {
+  Network& network = network_of(ct, flow.mark);
   if (ignore_query)
     return;
   ConntrackStatesManager* memory = states();
   if (memory != nullptr)
-    memory->update_ct_counters(ct, first_time);
+    flow.known = memory->update_ct_counters(ct, first_time);
   if (first_time)
     return;
-  const CountedFlow flow = classify(ct);
-  if (nfconntrack_get_protonum(ct) == IPPROTO_UDP)
+  classify(ct, flow);
+  if (flow.protonum == IPPROTO_UDP)
     network.second.add_udp_counters(flow.client, flow.ends.src, flow.ends.sport, flow.ends.dst, flow.m,
                                     flow.counters);
   else if (!count_tcp(ct, flow, network, memory))
@@ -245,38 +252,33 @@ void ConntrackStats::parse_marked(nf_conntrack* ct) {
 }
 
 // Services can't change during a reading, and nothing takes a network out of the map.
-ConntrackStats::Network& ConntrackStats::network_of(const nf_conntrack* ct) {
-  Network*& network = network_by_service_[conntrack_mark::service_id(nfconntrack_get_mark(ct))];
+ConntrackStats::Network& ConntrackStats::network_of(const nf_conntrack* ct, std::uint32_t mark) {
+  Network*& network = network_by_service_[conntrack_mark::service_id(mark)];
   if (network == nullptr)
     network = &*networks.try_emplace(network_id(ct)).first;
   return *network;
 }
 
-ConntrackStats::CountedFlow ConntrackStats::classify(const nf_conntrack* ct) const {
-  const std::uint32_t mark = nfconntrack_get_mark(ct);
-  CountedFlow flow;
-  flow.ends = nfconntrack_get_ends(ct);
-  flow.m = static_cast<std::uint8_t>(conntrack_mark::normalised_nibble(mark));
-  flow.reversed = conntrack_mark::is_io_reversed(mark);
+// Fills in what is left.
+void ConntrackStats::classify(const nf_conntrack* ct, CountedFlow& flow) const {
+  flow.reversed = conntrack_mark::is_io_reversed(flow.mark);
   // An Out leg's tx is what this node sent onward.
   counters_dump_parser(&flow.counters, (flow.m & conntrack_mark::out_bit) != 0, ct);
   flow.leg = data->sessions.find(flow.ends);
   flow.domain = &ZOLSessions::get_user_identification(flow.leg, flow.ends, flow.client);
-  return flow;
 }
 
 // False when the connection is closing, unseen before and of no session: it would be counted for nobody.
 bool ConntrackStats::count_tcp(nf_conntrack* ct, const CountedFlow& flow, Network& network,
                                ConntrackStatesManager* memory) {
-  const bool known = memory != nullptr && memory->is_ct_known(ct);
   const std::uint8_t state = nfconntrack_get_tcp_state(ct);
-  if (state > tcp_state_established && !known && !flow.leg) {
+  if (state > tcp_state_established && !flow.known && !flow.leg) {
     SUP_LOG(logger(), log_level::warning) << "dump_parser"
                                           << ": Not counting bytes net " << network.first << " tx bytes "
                                           << flow.counters.tx_bytes << " rx bytes " << flow.counters.rx_bytes;
     return false;
   }
-  if (memory != nullptr && !known)
+  if (memory != nullptr && !flow.known)
     memory->mark_ct_as_known(ct);
   SUP_LOG(logger(), log_level::debug) << "dump_parser"
                                       << ": Adding to net " << network.first << " tx bytes "
@@ -298,7 +300,7 @@ bool ConntrackStats::count_tcp(nf_conntrack* ct, const CountedFlow& flow, Networ
 void ConntrackStats::update_session(const nf_conntrack* ct, const CountedFlow& flow) {
   flow.leg.session->set_reversed_io(flow.reversed);
   data->conntrack.detect_events(ct, flow.ends, flow.leg);
-  if (conntrack_mark::service_id(nfconntrack_get_mark(ct)) != 0)
+  if (conntrack_mark::service_id(flow.mark) != 0)
     ZOLSessions::add_counters(flow.leg, flow.counters);
 }
 

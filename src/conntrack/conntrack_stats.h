@@ -153,12 +153,12 @@ class ConntrackStats {
   // Null when it isn't there or is switched off.
   ConntrackStatesManager* states() const;
   const std::string& network_id(const nf_conntrack* ct) const;
-  Network& network_of(const nf_conntrack* ct);
-  bool takes_non_tcp_path(const nf_conntrack* ct) const;
-  bool is_countable(const nf_conntrack* ct) const;
-  CountedFlow classify(const nf_conntrack* ct) const;
+  Network& network_of(const nf_conntrack* ct, std::uint32_t mark);
+  bool takes_non_tcp_path(std::uint8_t protonum, std::uint32_t mark) const;
+  bool is_countable(const nf_conntrack* ct, CountedFlow& flow) const;
+  void classify(const nf_conntrack* ct, CountedFlow& flow) const;
   void parse_non_tcp(nf_conntrack* ct);
-  void parse_marked(nf_conntrack* ct);
+  void parse_marked(nf_conntrack* ct, CountedFlow& flow);
   bool count_tcp(nf_conntrack* ct, const CountedFlow& flow, Network& network, ConntrackStatesManager* memory);
   void update_session(const nf_conntrack* ct, const CountedFlow& flow);
 

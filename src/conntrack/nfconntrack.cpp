@@ -4,6 +4,8 @@
 
 #include <libnetfilter_conntrack/libnetfilter_conntrack.h>
 
+#include <utility>
+
 namespace zol_monitor {
 
 namespace {
@@ -62,6 +64,23 @@ nfconntrack_stats_t nfconntrack_get_orig_stats(const nf_conntrack* ct) {
 
 nfconntrack_stats_t nfconntrack_get_repl_stats(const nf_conntrack* ct) {
   return get_stats(ct, !nfconntrack_is_reversed(ct));
+}
+
+bool nfconntrack_get_counters(const nf_conntrack* ct, nfconntrack_stats_t& orig, nfconntrack_stats_t& repl) {
+  const auto counter = [ct](nf_conntrack_attr attribute) {
+    return static_cast<const std::uint64_t*>(nfct_get_attr(ct, attribute));
+  };
+  const std::uint64_t* const orig_packets = counter(ATTR_ORIG_COUNTER_PACKETS);
+  const std::uint64_t* const orig_bytes = counter(ATTR_ORIG_COUNTER_BYTES);
+  const std::uint64_t* const repl_packets = counter(ATTR_REPL_COUNTER_PACKETS);
+  const std::uint64_t* const repl_bytes = counter(ATTR_REPL_COUNTER_BYTES);
+  if (orig_packets == nullptr || orig_bytes == nullptr || repl_packets == nullptr || repl_bytes == nullptr)
+    return false;
+  orig = {*orig_packets, *orig_bytes};
+  repl = {*repl_packets, *repl_bytes};
+  if (nfconntrack_is_reversed(ct))
+    std::swap(orig, repl);
+  return true;
 }
 
 std::uint8_t nfconntrack_get_tcp_state(const nf_conntrack* ct) {

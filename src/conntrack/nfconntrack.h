@@ -66,6 +66,9 @@ std::uint32_t nfconntrack_get_mark(const nf_conntrack* ct);
 bool nfconntrack_is_reversed(const nf_conntrack* ct);
 // Toggles bit 7 of the mark in this copy.
 void nfconntrack_reverse(nf_conntrack* ct);
+// Both directions in the session's order; false, and nothing is stored, when one of the four counters is
+// missing.
+bool nfconntrack_get_counters(const nf_conntrack* ct, nfconntrack_stats_t& orig, nfconntrack_stats_t& repl);
 // Packets and bytes of the original direction, of the reply direction when reversed; and the opposite pair.
 nfconntrack_stats_t nfconntrack_get_orig_stats(const nf_conntrack* ct);
 nfconntrack_stats_t nfconntrack_get_repl_stats(const nf_conntrack* ct);

@@ -142,6 +142,13 @@ bool EntityCounters::is_zero_traffic() const {
   return true;
 }
 
+EntityCounters& AddressEntries::of(EntityMap& map, std::uint32_t address) {
+  EntityCounters*& entry = entries_[address];
+  if (entry == nullptr)
+    entry = &map[address_text(address)];
+  return *entry;
+}
+
 LogicalNetworkCounters::LogicalNetworkCounters() {
   lookup_setting(zol_conf_consts::monitoring_domain_level_traffic_key, domain_level_traffic);
 }
@@ -161,11 +168,11 @@ void LogicalNetworkCounters::add_tcp_counters(std::uint32_t client, std::uint32_
   domain_counters[domain_level_traffic ? domain : unknown_domain].add_tcp_counters(counters, m, established,
                                                                                    active, dir);
   if (client != 0)
-    client_counters[address_text(client)].add_tcp_counters(counters, m, established, active, hop_dir);
+    clients_.of(client_counters, client).add_tcp_counters(counters, m, established, active, hop_dir);
   if (has_role(m, conntrack_mark::out_bit))
-    next_hop_counters[address_text(dst)].add_tcp_counters(counters, m, established, active, hop_dir);
+    next_hops_.of(next_hop_counters, dst).add_tcp_counters(counters, m, established, active, hop_dir);
   if (has_role(m, conntrack_mark::in_bit))
-    prv_hop_counters[address_text(src)].add_tcp_counters(counters, m, established, active, hop_dir);
+    prv_hops_.of(prv_hop_counters, src).add_tcp_counters(counters, m, established, active, hop_dir);
 }
 
 void LogicalNetworkCounters::add_udp_counters(std::uint32_t client, std::uint32_t src, std::uint16_t,
@@ -173,11 +180,11 @@ void LogicalNetworkCounters::add_udp_counters(std::uint32_t client, std::uint32_
                                               const conntrack_counters_t& counters) {
   total.add_udp_counters(counters, m);
   domain_counters[unknown_domain].add_udp_counters(counters, m);
-  client_counters[address_text(client)].add_udp_counters(counters, m);
+  clients_.of(client_counters, client).add_udp_counters(counters, m);
   if (has_role(m, conntrack_mark::out_bit))
-    next_hop_counters[address_text(dst)].add_udp_counters(counters, m);
+    next_hops_.of(next_hop_counters, dst).add_udp_counters(counters, m);
   if (has_role(m, conntrack_mark::in_bit))
-    prv_hop_counters[address_text(src)].add_udp_counters(counters, m);
+    prv_hops_.of(prv_hop_counters, src).add_udp_counters(counters, m);
 }
 
 void LogicalNetworkCounters::add_active_non_tcp_connection() {

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <unordered_map>
 
 #include "conntrack/conntrack_counters.h"
 
@@ -68,6 +69,27 @@ class EntityCounters {
   std::uint32_t active[protocol_rows][mark_rows] = {};  // connections with traffic in this interval
   std::uint32_t open[protocol_rows][mark_rows] = {};    // connections in the established state
   conntrack_counters_t counters[protocol_rows][mark_rows][dir_rows];
+};
+
+// Finds the entry of an address without making its text each time: a dump does it twice a connection. Nothing
+// erases entries of the maps that it is used with.
+class AddressEntries {
+ public:
+  using EntityMap = std::map<std::string, EntityCounters>;
+
+  AddressEntries() = default;
+  // A copy begins anew, since its map is another.
+  AddressEntries(const AddressEntries&) {}
+  AddressEntries& operator=(const AddressEntries&) {
+    entries_.clear();
+    return *this;
+  }
+
+  // The entry of the address, in network order; added when it is missing.
+  EntityCounters& of(EntityMap& map, std::uint32_t address);
+
+ private:
+  std::unordered_map<std::uint32_t, EntityCounters*> entries_;
 };
 
 // Asking for a domain or a client without traffic makes an empty entry of it, which walks of the maps then
@@ -133,6 +155,11 @@ class LogicalNetworkCounters {
   EntityMap next_hop_counters;  // by dotted destination of connections with an Out role
   EntityMap prv_hop_counters;   // by dotted source of connections with an In role
   bool domain_level_traffic = false;
+
+ private:
+  AddressEntries clients_;
+  AddressEntries next_hops_;
+  AddressEntries prv_hops_;
 };
 
 }  // namespace zol_monitor

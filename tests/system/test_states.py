@@ -5,8 +5,9 @@ import signal
 
 import pytest
 
-from ledger import after_report, bulk, entries, expect_conserved, lengthen_timeouts, moved, reports, truth
+from conserved import after_report, bulk, expect_conserved
 from standin import netns, network, table
+from standin.ledger import entries, lengthen_timeouts, moved, reports, truth
 from standin.node import service
 from standin.wait import run_and_expect
 
@@ -174,7 +175,7 @@ def test_switched_off_and_on(node):
     node.settings["Monitoring.conntrack_states_enabled"] = True
     node.reload()
     node.wait_log("Conntrack States is active!", count=2)
-    bulk(client, target, 40_000)
+    bulk(client, target, 300_000)  # beyond what was remembered before
     expect_conserved(node, 1)
 
 

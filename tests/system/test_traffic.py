@@ -4,8 +4,9 @@ import time
 
 import pytest
 
-from ledger import after_report, bulk, entries, expect_conserved, lengthen_timeouts, moved, reports, truth
+from conserved import after_report, bulk, expect_conserved
 from standin import netns, network, traffic
+from standin.ledger import entries, lengthen_timeouts, moved, reports, truth
 from standin.node import service
 from standin.wait import run_and_expect
 

@@ -123,12 +123,13 @@ TEST_F(StatesKernelTest, RestartAfterDeath) {
   EXPECT_EQ(reading(), 0U);
   kill_manager();
   remember(77, "gone", {1, 1}, {1, 1});
+  send(30);  // while nobody is there
   make_manager();
   activate();
   EXPECT_EQ(manager_->states.size(), 1U);
   EXPECT_EQ(entry(77).id[0], 0);
   send(200);
-  EXPECT_EQ(reading(), 200U);
+  EXPECT_EQ(reading(), 230U);
 }
 
 // Verifies that the dump file carries the memory over to a record that is new.
@@ -162,6 +163,20 @@ TEST_F(StatesKernelTest, SwitchedOff) {
   manager_->reconfigure();
   EXPECT_EQ(kernels_bytes(), 200U);
   EXPECT_EQ(reading(), 200U);
+}
+
+// Verifies that nothing of the time before is subtracted when the setting is turned on again.
+TEST_F(StatesKernelTest, SwitchedOffAndOn) {
+  activate();
+  send(100);
+  EXPECT_EQ(reading(), 100U);
+  switch_states(false);
+  manager_->reconfigure();
+  EXPECT_EQ(entry(0).id[0], 0);
+  switch_states(true);
+  manager_->reconfigure();
+  send(500);  // beyond what was remembered
+  EXPECT_EQ(reading(), 500U);
 }
 
 }  // namespace

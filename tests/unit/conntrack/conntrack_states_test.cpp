@@ -220,6 +220,9 @@ TEST_F(StatesTest, Known) {
   manager_->mark_ct_as_known(ct.get());
   EXPECT_TRUE(manager_->is_ct_known(ct.get()));
   EXPECT_EQ(entry(0).known, 1);
+  EXPECT_TRUE(manager_->update_ct_counters(ct.get(), false));
+  const NfctHandle other = make_counted_ct(tcp_flow, {1, 100}, {1, 100}, 2);
+  EXPECT_FALSE(manager_->update_ct_counters(other.get(), false));
   read({11, 1000}, {20, 2000});
   EXPECT_TRUE(manager_->is_ct_known(ct.get()));
 }

@@ -1,18 +1,16 @@
 """What traffic reports told, beside what iptables rules counted at the hooks of the kernel's connection tracking."""
 import collections
-import threading
 
-from standin import netns, traffic
-from standin.wait import run_and_expect
+from . import netns
 
-# Long enough for every reading to meet a connection that ended since the last.
+# How long an ended connection stays in the table: longer than the period of the reports, or its last bytes are lost.
 TIMEOUTS = ("time_wait", "close", "last_ack")
 STREAMS = [(stream, way) for stream in ("client-to-server", "server-to-client") for way in ("incoming", "outgoing")]
 
 
-def lengthen_timeouts(node):
+def lengthen_timeouts(node, seconds=60):
     netns.execute(node.network.node, "sysctl", "-q", "-w",
-                  *(f"net.netfilter.nf_conntrack_tcp_timeout_{state}=60" for state in TIMEOUTS))
+                  *(f"net.netfilter.nf_conntrack_tcp_timeout_{state}={seconds}" for state in TIMEOUTS))
 
 
 def reports(node):
@@ -49,12 +47,6 @@ def truth(node, number):
     }
 
 
-def after_report(node, count=1):
-    """Waits for that many reports more."""
-    wanted = len(reports(node)) + count
-    run_and_expect(lambda: len(reports(node)), lambda found: found >= wanted, timeout=30)
-
-
 def differences(node, numbers, uncounted=()):
     """What the reports' sums of those networks have too much or too little: empty when every byte is there once."""
     wrong = {}
@@ -65,29 +57,3 @@ def differences(node, numbers, uncounted=()):
             if told[key] != (packets, size):
                 wrong[number, *key] = f"{told[key][0] - packets:+} packets, {told[key][1] - size:+} bytes"
     return wrong
-
-
-def expect_conserved(node, *numbers, uncounted=()):
-    """The reports' sums become the kernel's, and stay so when nothing more moves; these sums.
-
-    `uncounted` are (number, stream, way) that no report may count.
-    """
-    run_and_expect(lambda: differences(node, numbers, uncounted), {}, timeout=20)
-    after_report(node, 2)
-    assert differences(node, numbers, uncounted) == {}
-    return {number: moved(entries(node, f"network-{number}")) for number in numbers}
-
-
-def answer(target, size):
-    thread = threading.Thread(target=target.sendall, args=(bytes(size),))
-    thread.start()
-    return thread
-
-
-def bulk(client, target, size):
-    """That many bytes each way."""
-    there, back = answer(client, size), answer(target, size)
-    traffic.read_exactly(target, size)
-    traffic.read_exactly(client, size)
-    there.join()
-    back.join()
