@@ -1,35 +1,17 @@
 """Events: from the record of another process to the post, how they merge, wait and jump, and how they end."""
 import socket
-import struct
 
 import pytest
 
 from standin import conf
+from standin.alarms import (ANOMALY, BGP, BLACK_HOLE, FAILOPEN, FAILURE, NEXT_HOP, anomaly, black_hole, failure,
+                            send)
 from standin.wait import run_and_expect
 
 PATH = "/zolEvent"
-FAILURE, FAILOPEN, BLACK_HOLE, NEXT_HOP, ANOMALY, BGP = 7, 8, 26, 29, 32, 42
 HOUR_MS = 3600000
 SUPPRESSION = "Monitoring.event_suppression_ms"
 REMOVED = "was sent. Remove from queue."
-
-
-def failure(ports, count=None, status=0, address="192.0.2.1"):
-    both = [*ports, 0, 0][:2]
-    count = len(ports) if count is None else count
-    return socket.inet_aton(address) + struct.pack("<HHBI", *both, count, status)
-
-
-def black_hole(target):
-    return target.encode().ljust(256, b"\0")
-
-
-def anomaly(target, in_target, cumulative):
-    return socket.inet_aton(target) + struct.pack("<II", in_target, cumulative)
-
-
-def send(node, kind, body=b""):
-    node.cli("--name", "wanproxy", "raw", kind, "-", data=body.hex())
 
 
 def events(node, kind=None):

@@ -13,7 +13,6 @@
 
 #include <array>
 #include <cstdio>
-#include <fstream>
 #include <functional>
 #include <map>
 #include <memory>
