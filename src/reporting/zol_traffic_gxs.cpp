@@ -163,6 +163,18 @@ Variant side_diagnostics(const DetectedIPInfo& info) {
   return side;
 }
 
+// The sessions by network and domain while a report is made.
+class GroupedSessions {
+ public:
+  explicit GroupedSessions(ZOLSessions& sessions) : sessions_(sessions) { sessions_.begin_report(); }
+  ~GroupedSessions() { sessions_.end_report(); }
+  GroupedSessions(const GroupedSessions&) = delete;
+  GroupedSessions& operator=(const GroupedSessions&) = delete;
+
+ private:
+  ZOLSessions& sessions_;
+};
+
 // Walks over what belongs to one network.
 class NetworkWalk {
  public:
@@ -321,6 +333,7 @@ void ZolTraffic::generate_network_traffic_report(Variant& entry, const std::stri
 
 Variant ZolTraffic::generate_zol_traffic_report_gxs(ConntrackStats& stats, TrafficStats* totals) {
   const Settings settings;
+  const GroupedSessions grouped(data->sessions);
   Variant report = Variant::make_list();
   for (const std::string& network : data->services->get_logical_network_ids(true)) {
     if (!stats.logical_network_has_traffic(network))

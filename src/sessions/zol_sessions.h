@@ -24,6 +24,7 @@
 
 #include "conntrack/conntrack_counters.h"
 #include "sessions/finished_sessions.h"
+#include "sessions/session_groups.h"
 #include "sessions/session_info.h"
 #include "sessions/session_keys.h"
 #include "sessions/sessions_events.h"
@@ -154,6 +155,10 @@ class ZOLSessions {
   // Takes the counters out of the sessions: each message is reported once.
   HTTPCountersCointainer get_http_counters(const std::string& network, const std::string& domain);
   std::list<SessionPtr> get_zol_sessions() const;
+  // Between the two, the four queries above look only at the sessions that they are about. The table must not
+  // change meanwhile.
+  void begin_report();
+  void end_report() { groups_.reset(); }
 
   // --- non-TCP flows
   static std::string gen_non_tcp_key(std::uint32_t protonum, std::uint32_t src, std::uint32_t dst,
@@ -196,6 +201,10 @@ class ZOLSessions {
   void set_info_out(const SessionPtr& session, std::uint32_t address, std::uint16_t port,
                     std::uint32_t address2, std::uint16_t port2, const unsigned char* uuid, bool recover);
   bool erase_out_leg(const LegPlace& place, SessionInfo& session);
+  template <typename Visit>
+  void for_each_in_leg(const std::string& network, const std::string& domain, Visit visit) const;
+  template <typename Visit>
+  void for_each_session(const std::string& network, const std::string& domain, Visit visit) const;
 
   void count_out_entry(SessionInfo& session);
   void uncount_out_entry(SessionInfo& session);
@@ -205,6 +214,7 @@ class ZOLSessions {
   // 0 is known to have no other entry, and the walk through an inner map, long where one next hop serves
   // thousands of sessions, is left out.
   std::uint64_t unlisted_out_entries_ = 0;
+  std::unique_ptr<const SessionGroups> groups_;  // while a report is made
 };
 
 }  // namespace zol_monitor

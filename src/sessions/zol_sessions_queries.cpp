@@ -1,4 +1,6 @@
 // What the traffic report asks of the live sessions.
+#include <utility>
+
 #include "sessions/zol_sessions.h"
 
 namespace zol_monitor {
@@ -10,16 +12,45 @@ bool is_of(const SessionInfo& session, const std::string& network, const std::st
   return session.network_id == network && (domain.empty() || session.domain_name == domain);
 }
 
-bool is_new_of(const SessionInfo& session, const std::string& network, const std::string& domain) {
-  return session.state == 0 && is_of(session, network, domain);
-}
-
 bool is_target_failure(const SessionInfo& session) {
   return !session.target_failure_counted && !session.is_next_hop_zol &&
          session.out->termination_reason >= STR_RESOLUTION_FAILURE;
 }
 
 }  // namespace
+
+void ZOLSessions::begin_report() {
+  auto groups = std::make_unique<SessionGroups>();
+  for (const auto& [key, session] : in_sessions)
+    groups->add_in_leg(*session);
+  for (const auto& [id, session] : sessions_by_id)
+    groups->add_session(*session);
+  groups_ = std::move(groups);
+}
+
+template <typename Visit>
+void ZOLSessions::for_each_in_leg(const std::string& network, const std::string& domain, Visit visit) const {
+  if (groups_) {
+    for (const SessionInfo* session : groups_->of(network, domain).in_legs)
+      visit(*session);
+    return;
+  }
+  for (const auto& [key, session] : in_sessions)
+    if (is_of(*session, network, domain))
+      visit(std::as_const(*session));
+}
+
+template <typename Visit>
+void ZOLSessions::for_each_session(const std::string& network, const std::string& domain, Visit visit) const {
+  if (groups_) {
+    for (SessionInfo* session : groups_->of(network, domain).sessions)
+      visit(*session);
+    return;
+  }
+  for (const auto& [id, session] : sessions_by_id)
+    if (is_of(*session, network, domain))
+      visit(*session);
+}
 
 bool ZOLSessions::should_counter_updated(const SessionInfo& session, traffic_dir_t dir) {
   switch (dir) {
@@ -39,49 +70,47 @@ std::uint32_t ZOLSessions::get_new_count(const std::string& network, traffic_dir
 
 std::uint32_t ZOLSessions::get_domain_new_count(const std::string& network, const std::string& domain) const {
   std::uint32_t count = 0;
-  for (const auto& [key, session] : in_sessions)
-    count += is_new_of(*session, network, domain);
+  for_each_in_leg(network, domain, [&](const SessionInfo& session) { count += session.state == 0; });
   return count;
 }
 
 std::uint32_t ZOLSessions::get_domain_new_count(const std::string& network, const std::string& domain,
                                                 traffic_dir_t dir) const {
   std::uint32_t count = 0;
-  for (const auto& [key, session] : in_sessions)
-    count += is_new_of(*session, network, domain) && should_counter_updated(*session, dir);
+  for_each_in_leg(network, domain, [&](const SessionInfo& session) {
+    count += session.state == 0 && should_counter_updated(session, dir);
+  });
   return count;
 }
 
 TargetFailureCounts ZOLSessions::get_target_failure_by_domain_count(const std::string& network,
                                                                     const std::string& domain) {
   TargetFailureCounts counts;
-  for (const auto& [id, session] : sessions_by_id) {
-    if (!is_target_failure(*session) || !is_of(*session, network, domain))
-      continue;
-    session->target_failure_counted = true;
-    if (session->accepted_locally)
+  for_each_session(network, domain, [&](SessionInfo& session) {
+    if (!is_target_failure(session))
+      return;
+    session.target_failure_counted = true;
+    if (session.accepted_locally)
       ++counts.accepted;
-    else if (session->is_private_network)
+    else if (session.is_private_network)
       ++counts.private_network;
     else
       ++counts.public_network;
-  }
+  });
   return counts;
 }
 
 HTTPCountersCointainer ZOLSessions::get_http_counters(const std::string& network, const std::string& domain) {
   HTTPCountersCointainer sums;
-  for (const auto& [id, session] : sessions_by_id) {
-    if (!is_of(*session, network, domain))
-      continue;
-    if (session->accepted_locally)
-      sums.accepted += session->http_counters;
-    else if (session->is_private_network)
-      sums.private_network += session->http_counters;
+  for_each_session(network, domain, [&](SessionInfo& session) {
+    if (session.accepted_locally)
+      sums.accepted += session.http_counters;
+    else if (session.is_private_network)
+      sums.private_network += session.http_counters;
     else
-      sums.public_network += session->http_counters;
-    session->http_counters.reset();
-  }
+      sums.public_network += session.http_counters;
+    session.http_counters.reset();
+  });
   return sums;
 }
 

@@ -69,6 +69,40 @@ TEST_F(QueriesTest, NewCounts) {
   EXPECT_EQ(table_.get_domain_new_count("net-a", "", traffic_dir_t::private_hop), 1U);
 }
 
+// Verifies that the queries answer the same while a report is made, take out of the sessions the same, and
+// see the table as it is once the report has ended.
+TEST_F(QueriesTest, WhileAReportIsMade) {
+  const SessionPtr shop = add("shop.example", true, false);
+  const SessionPtr mail = add("mail.example", false, true);
+  add("shop.example", true, false)->state = 1;
+  add("", true, false)->network_id = "net-b";
+  const SessionPtr out_only = identify_out(Uuid(99));
+  out_only->network_id = "net-a";
+  for (const SessionPtr& session : {shop, mail, out_only}) {
+    session->out->termination_reason = zol_monitor::STR_CONNECTION_REFUSED;
+    session->http_counters.update(static_cast<zol::http_notification_t>(0));
+  }
+  table_.begin_report();
+  EXPECT_EQ(table_.get_domain_new_count("net-a", ""), 2U);
+  EXPECT_EQ(table_.get_domain_new_count("net-a", "shop.example"), 1U);
+  EXPECT_EQ(table_.get_domain_new_count("net-a", "other.example"), 0U);
+  EXPECT_EQ(table_.get_domain_new_count("net-a", "mail.example", traffic_dir_t::private_hop), 1U);
+  EXPECT_EQ(table_.get_new_count("net-b", traffic_dir_t::target), 1U);
+  EXPECT_EQ(table_.get_new_count("net-c", traffic_dir_t::target), 0U);
+  EXPECT_EQ(table_.get_target_failure_by_domain_count("net-a", "shop.example").accepted, 1U);
+  const auto failures = table_.get_target_failure_by_domain_count("net-a", "");
+  EXPECT_EQ(failures.accepted + failures.public_network + failures.private_network, 2U);
+  EXPECT_TRUE(table_.get_http_counters("net-b", "").accepted.is_empty());
+  EXPECT_FALSE(table_.get_http_counters("net-a", "mail.example").private_network.is_empty());
+  EXPECT_TRUE(mail->http_counters.is_empty());
+  EXPECT_FALSE(shop->http_counters.is_empty());
+  shop->state = 1;
+  EXPECT_EQ(table_.get_domain_new_count("net-a", "shop.example"), 0U);
+  table_.end_report();
+  add("shop.example", true, false);
+  EXPECT_EQ(table_.get_domain_new_count("net-a", "shop.example"), 1U);
+}
+
 // Verifies that each failed target counts once, in the slot of what this node is to the session.
 TEST_F(QueriesTest, TargetFailures) {
   const auto fail = [](const SessionPtr& session) {

@@ -1,0 +1,30 @@
+#include "sessions/session_groups.h"
+
+#include "sessions/session_info.h"
+
+namespace zol_monitor {
+
+void SessionGroups::add_in_leg(SessionInfo& session) {
+  Network& network = networks_[session.network_id];
+  network.all.in_legs.push_back(&session);
+  network.domains[session.domain_name].in_legs.push_back(&session);
+}
+
+void SessionGroups::add_session(SessionInfo& session) {
+  Network& network = networks_[session.network_id];
+  network.all.sessions.push_back(&session);
+  network.domains[session.domain_name].sessions.push_back(&session);
+}
+
+const SessionGroups::Group& SessionGroups::of(const std::string& network, const std::string& domain) const {
+  static const Group empty;
+  const auto found = networks_.find(network);
+  if (found == networks_.end())
+    return empty;
+  if (domain.empty())
+    return found->second.all;
+  const auto group = found->second.domains.find(domain);
+  return group == found->second.domains.end() ? empty : group->second;
+}
+
+}  // namespace zol_monitor
