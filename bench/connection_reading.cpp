@@ -21,6 +21,7 @@
 #include "conntrack/conntrack.h"
 #include "conntrack/conntrack_states.h"
 #include "conntrack/conntrack_stats.h"
+#include "reporting/report_text.h"
 #include "reporting/zol_traffic.h"
 #include "shared_object.h"
 #include "shared_records.h"
@@ -47,7 +48,8 @@ General: { zol_id = "bench"; external_ip = "192.0.2.1"; network_id = "net"; };
 Monitoring: {
   report_resolution_ms = 60000; traffic_report_resolution_ms = 60000; session_report_resolution_ms = 60000;
   polling_rate_ms = 100; reporter_total_retries = 0; session_report_is_enabled = true; unmarked_target = "none";
-  domain_level_traffic = true; conntrack_states_enabled = true;
+  domain_level_traffic = true; conntrack_states_enabled = true; traffic_report_diagnostics_enabled = true;
+  DetectedIPsReport: { enabled = true; };
 };
 TrafficReport: { enabled = true; };
 IPTables: { internal_port_range_start = 9000; internal_port_range_end = 9100; };
@@ -173,6 +175,36 @@ void measure_resetting(zol_test::BareMonitor& monitor) {
   std::printf("  reading to conntrack -L: %.2f\n", times[1] / times[3]);
 }
 
+// The report's text from a reading in which every domain and client moved bytes, with the diagnostics of
+// each.
+void measure_report(zol_test::BareMonitor& monitor, std::uint32_t domain_factor) {
+  zol_monitor::ZolTraffic traffic(&monitor);
+  std::vector<double> times;
+  std::size_t size = 0;
+  for (int round = 0; round < rounds; ++round) {
+    monitor.conntrack.get_detected_ip_start();
+    zol_monitor::ConntrackStats stats(&monitor, false, false);
+    for (std::uint32_t n = 0; n < services * clients * domain_factor; ++n) {
+      auto& network = stats.networks["net-" + std::to_string(n % services + 1)];
+      const std::uint32_t client = htonl(0x0a000001 + n / services);
+      const std::string domain =
+          "www" + std::to_string(n / services % (domains * domain_factor)) + ".example.org";
+      network.add_tcp_counters(client, client, 1024, htonl(0xc0000201), 8080, 1, {1, 100, 1, 100}, true, true,
+                               domain, false, false);
+    }
+    zol_utils::TrafficStats totals{};
+    times.push_back(ms_of([&] {
+      const auto report = traffic.generate_zol_traffic_report_gxs(stats, &totals);
+      size = zol_monitor::report_text(report).size();
+    }));
+    monitor.conntrack.get_detected_ip_finished();
+  }
+  std::nth_element(times.begin(), times.begin() + rounds / 2, times.end());
+  std::printf("report of %u networks, %u clients and %u domains each, %u sessions: %.1f ms, %zu bytes\n",
+              services, clients * domain_factor, domains * domain_factor, all_connections / 2,
+              times[rounds / 2], size);
+}
+
 void measure_remembering(zol_test::BareMonitor& monitor) {
   const std::string version = "bench-" + std::to_string(getpid());
   zol_utils::shared_object_version = version;
@@ -220,5 +252,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   measure_resetting(monitor);
+  measure_report(monitor, 1);
+  measure_report(monitor, 10);
   return 0;
 }
