@@ -6,12 +6,12 @@ import struct
 
 import pytest
 
-from standin import network, traffic
+from standin import alarms, network, traffic
 from standin.node import service
 from standin.wait import run_and_expect
 
 PERIOD_MS = 1000
-DIAGNOSTICS, BLACK_HOLE = 17, 26
+DIAGNOSTICS = 17
 HEADER = 48
 MAX_ROWS, ROW = 2880, struct.Struct("<qIIIIIIIIIIQQQi4x")
 ROW_FIELDS = ("timestamp", "recovered", "failed_to_target", "syn_flood_drop", "open", "active", "resolution_failures",
@@ -102,12 +102,12 @@ def listed(info, key):
 
 
 def send(node, kind, body=b""):
-    node.cli("raw", kind, "-", data=body.hex())
+    alarms.send(node, kind, body, name="zol_cli")
 
 
 def black_hole(node, count=1):
     for _ in range(count):
-        send(node, BLACK_HOLE, b"target.example".ljust(256, b"\0"))
+        send(node, alarms.BLACK_HOLE, alarms.black_hole("target.example"))
 
 
 def short_session(node, number=1):

@@ -315,7 +315,8 @@ def test_write_waiting_and_retransmissions(road):
     """Verifies that both sums of waiting times and the retransmissions that the proxy tells are reported once."""
     client, target = road.traffic.session(BY_ID[1])
     port = client.getsockname()[1]
-    opened, = [event for event in road.proxy.select("session") if event["client"].endswith(f":{port}")]
+    opened, = run_and_expect(lambda: [event for event in road.proxy.select("session")
+                                      if event["client"].endswith(f":{port}")], lambda found: found)
     session = opened["session"].replace("-", "")
     before = len(reports(road))
 

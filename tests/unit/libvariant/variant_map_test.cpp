@@ -39,8 +39,8 @@ TEST(VariantMap, assign_and_set) {
   EXPECT_EQ(map.At("a").AsInt(), 2);
 }
 
-// Verifies that Add puts new keys behind each other, past the size at which a map gets its index too, and that
-// on another kind it does nothing.
+// Verifies that Add puts new keys behind each other, past the size at which a map gets its index too, and
+// that on another kind it does nothing.
 TEST(VariantMap, add) {
   Variant map;
   EXPECT_EQ(map.Add("first", 1).AsInt(), 1);
