@@ -107,13 +107,12 @@ def run_fuzz(build, env):
     return tally
 
 
-def run_system(build, env, extra=()):
+def run_system(build, env, at_a_time=3):
     with tempfile.TemporaryDirectory() as folder:
         report = pathlib.Path(folder, "report.xml")
-        # The tests wait more than they work: three files at a time, each in namespaces of its own.
-        command = ["/usr/bin/python3", "-m", "pytest", "-q", "-rs", "-p", "no:cacheprovider", "-n", "3", "--dist",
-                   "loadfile", f"--junitxml={report}",
-                   *extra, str(ROOT / "tests" / "system")]
+        # The tests wait more than they work: a few files at a time, each in namespaces of its own.
+        command = ["/usr/bin/python3", "-m", "pytest", "-q", "-rs", "-p", "no:cacheprovider", "-n", str(at_a_time),
+                   "--dist", "loadfile", f"--junitxml={report}", str(ROOT / "tests" / "system")]
         ended = subprocess.run(command, cwd=ROOT, env={**env, "ZOL_BUILD": str(build)}, stdin=subprocess.DEVNULL)
         tally = Tally()
         if report.exists():
@@ -147,7 +146,7 @@ def main(arguments):
     if what == "asan":
         tally.add(run_unit(asan, sanitized))
         tally.add(run_fuzz(asan, sanitized))
-        tally.add(run_system(asan, sanitized))
+        tally.add(run_system(asan, sanitized, at_a_time=2))
     print(tally.line())
     return 0 if tally.failed == 0 and tally.passed > 0 else 1
 

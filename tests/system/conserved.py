@@ -9,7 +9,7 @@ from standin.wait import run_and_expect
 def after_report(node, count=1):
     """Waits for that many reports more."""
     wanted = len(reports(node)) + count
-    run_and_expect(lambda: len(reports(node)), lambda found: found >= wanted, timeout=30)
+    run_and_expect(lambda: len(reports(node)), lambda found: found >= wanted, timeout=30 + 20 * count)
 
 
 def expect_conserved(node, *numbers, uncounted=()):

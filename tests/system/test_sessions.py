@@ -243,11 +243,14 @@ def test_second_session_on_a_reused_port(road):
     """Verifies that two sessions of one client address and port are two reports."""
     port = 45678
     for _ in range(2):
+        closed = road.log().count("Connection close reason")
         client, target = road.traffic.session(BY_ID[1], source_port=port)
         talk(client, target)
         traffic.reset(client)
         with pytest.raises(ConnectionResetError):
             target.recv(1)
+        # The kernel and the proxy tell on different roads: the port is free again once the daemon knows of the end.
+        road.wait_log("Connection close reason", closed + 2)
     found = run_and_expect(lambda: [entry for entry in road.sessions() if entry["source_port"] == port],
                            lambda entries: len(entries) == 2, timeout=40)
     assert len({entry["session_id"] for entry in found}) == 2
