@@ -97,8 +97,9 @@ def run_fuzz(build, env):
     for corpus in sorted((ROOT / "fuzz" / "corpus").glob("*")):
         runner = build / "bin" / "fuzz" / f"{corpus.name}_runner"
         inputs = sorted(str(path) for path in corpus.iterdir())
-        ended = subprocess.run([runner, *inputs], env=env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                               text=True, errors="replace", timeout=600)
+        with tempfile.TemporaryDirectory() as folder:  # a target leaves its files where it runs
+            ended = subprocess.run([runner, *inputs], cwd=folder, env=env, stdout=subprocess.PIPE,
+                                   stderr=subprocess.STDOUT, text=True, errors="replace", timeout=600)
         good = ended.returncode == 0 and inputs
         if not good:
             print(ended.stdout[-8000:])
