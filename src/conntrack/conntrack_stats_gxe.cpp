@@ -29,10 +29,6 @@ SupLogger& logger() {
   return l;
 }
 
-bool is_site_or_route(const SiteConnRecord& record) {
-  return record.record_type == ConnRecordType::site || record.record_type == ConnRecordType::bgp_route;
-}
-
 bool is_established(const SiteConnRecord& record) {
   return record.state == zol::Established;
 }

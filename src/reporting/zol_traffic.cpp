@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <limits>
 
+#include "config/cached_setting.h"
+#include "config/zol_conf_consts.h"
 #include "conntrack/conntrack_stats.h"
 #include "ha/keepalive.h"
 #include "sessions/zol_monitor_data.h"
@@ -57,6 +59,13 @@ Variant ZolTraffic::generate_zol_traffic_report(bool is_gxe, std::vector<Variant
   publish(totals);
   zol::KeepAlive::instance()->send_keepalive();
   return report;
+}
+
+bool ZolTraffic::is_enabled() {
+  static zol::CachedSetting<bool> setting(zol_conf_consts::trafficreport_enabled_key);
+  bool enabled = false;
+  setting.lookup(enabled);
+  return enabled;
 }
 
 void ZolTraffic::publish(const TrafficStats& totals) {

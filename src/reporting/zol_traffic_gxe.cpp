@@ -6,8 +6,6 @@
 #include <string>
 #include <utility>
 
-#include "config/zol_conf_consts.h"
-#include "config/zol_configurator.h"
 #include "config/zol_networks.h"
 #include "conntrack/conntrack_stats.h"
 #include "conntrack/gxe_counters.h"
@@ -29,17 +27,6 @@ namespace {
 SupLogger& logger() {
   static SupLogger& l = SupLogger::get_instance("ZolTraffic");
   return l;
-}
-
-bool is_traffic_enabled() {
-  bool enabled = false;
-  zol::TheConfigurator::get_configuration()->config.lookupValue(zol_conf_consts::trafficreport_enabled_key,
-                                                                enabled);
-  return enabled;
-}
-
-bool is_site_side(const SiteConnRecord& record) {
-  return record.record_type == ConnRecordType::site || record.record_type == ConnRecordType::bgp_route;
 }
 
 bool has_moved(const conntrack_counters_t& counters) {
@@ -93,8 +80,8 @@ void add_billed_share(Variant& end, double factor, std::uint64_t bytes) {
 // A link that leaves a site is seen from its far side, one that comes from elsewhere from this node.
 void add_billing(Variant& source, Variant& destination, const ConntrackStats& stats,
                  const GxeLinkCounters& link) {
-  const bool from_site = is_site_side(link.first);
-  const bool site_to_site = from_site && is_site_side(link.second);
+  const bool from_site = is_site_or_route(link.first);
+  const bool site_to_site = from_site && is_site_or_route(link.second);
   const gxe_billing_counters_t& factors =
       site_to_site ? stats.site_to_site_billing : stats.site_to_internet_billing;
   add_billed_share(source, factors.get_rx_billing_factor(from_site), link.total.rx_bytes);
@@ -176,7 +163,7 @@ Variant ZolTraffic::generate_zol_traffic_report_gxe(ConntrackStats& stats, Traff
                                                     std::vector<Variant>& tunnels) {
   const bool is_ucpe = zol::ZOLNetworks::instance()->is_ucpe("");
   Variant links = Variant::make_list();
-  if (!is_traffic_enabled())
+  if (!is_enabled())
     return links;
   if (is_ucpe)
     log_billing_factors(stats);

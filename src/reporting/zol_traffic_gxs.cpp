@@ -136,20 +136,16 @@ Variant traffic_parts(const Readings& readings, NewCount new_count) {
   return parts;
 }
 
-bool is_enabled(const char* key) {
+bool is_switched_on(const char* key) {
   bool enabled = false;
   zol::TheConfigurator::get_configuration()->config.lookupValue(key, enabled);
   return enabled;
 }
 
-bool is_traffic_enabled() {
-  return is_enabled(zol_conf_consts::trafficreport_enabled_key);
-}
-
 struct Settings {
-  bool detected_ips = is_enabled(zol_conf_consts::monitoring_detectedipsreport_enabled_key);
-  bool diagnostics = is_enabled(zol_conf_consts::monitoring_traffic_report_diagnostics_enabled_key);
-  bool domain_level = is_enabled(zol_conf_consts::monitoring_domain_level_traffic_key);
+  bool detected_ips = is_switched_on(zol_conf_consts::monitoring_detectedipsreport_enabled_key);
+  bool diagnostics = is_switched_on(zol_conf_consts::monitoring_traffic_report_diagnostics_enabled_key);
+  bool domain_level = is_switched_on(zol_conf_consts::monitoring_domain_level_traffic_key);
 };
 
 Variant side_diagnostics(const DetectedIPInfo& info) {
@@ -218,7 +214,7 @@ Variant NetworkWalk::domain_report(const std::string& domain, SessionFigures& su
                                           stats_.udp_domain_active_connections(network_, domain));
   const SessionFigures figures = SessionFigures::take(data_.sessions, network_, sessions_domain);
   sums += figures;
-  if (!is_traffic_enabled())
+  if (!ZolTraffic::is_enabled())
     return report;
   Variant parts = traffic_parts(domain_readings(stats_, network_, domain), [&](traffic_dir_t dir) {
     return data_.sessions.get_domain_new_count(network_, sessions_domain, dir);
@@ -264,7 +260,7 @@ void NetworkWalk::add_diagnostics(Variant& client, const std::string& ip, const 
                                   const DetectedIPInfo& out) {
   client.Add("active-sessions-count", stats_.tcp_client_active_connections(network_, ip) +
                                           stats_.udp_client_active_connections(network_, ip));
-  if (is_traffic_enabled())
+  if (ZolTraffic::is_enabled())
     client.Add("traffic", client_streams(stats_, network_, ip).report());
   Variant diagnostics = Variant::make_map(2);
   diagnostics.Add("client", side_diagnostics(in));
@@ -319,7 +315,7 @@ void ZolTraffic::generate_network_traffic_report(Variant& entry, const std::stri
                stats.tcp_active_connections(network) + stats.udp_active_connections(network));
   if (totals != nullptr)
     totals->new_sessions += new_sessions;
-  if (!is_traffic_enabled())
+  if (!is_enabled())
     return;
   const Readings readings = network_readings(stats, network);
   Variant parts =

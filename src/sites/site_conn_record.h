@@ -50,4 +50,9 @@ struct SiteConnRecord {
   ConnRecordType record_type;
 };
 
+// The address belongs to a customer: a site's connection, or a route that was learned.
+inline bool is_site_or_route(const SiteConnRecord& record) {
+  return record.record_type == ConnRecordType::site || record.record_type == ConnRecordType::bgp_route;
+}
+
 }  // namespace zol
