@@ -4,16 +4,13 @@
 
 namespace zol_monitor {
 
-void SessionGroups::add_in_leg(SessionInfo& session) {
+void SessionGroups::add(SessionInfo& session) {
   Network& network = networks_[session.network_id];
-  network.all.in_legs.push_back(&session);
-  network.domains[session.domain_name].in_legs.push_back(&session);
-}
-
-void SessionGroups::add_session(SessionInfo& session) {
-  Network& network = networks_[session.network_id];
-  network.all.sessions.push_back(&session);
-  network.domains[session.domain_name].sessions.push_back(&session);
+  for (Group* group : {&network.all, &network.domains[session.domain_name]}) {
+    group->in_legs.insert(group->in_legs.end(), session.in_entries, &session);
+    if (!session.unlisted)
+      group->sessions.push_back(&session);
+  }
 }
 
 const SessionGroups::Group& SessionGroups::of(const std::string& network, const std::string& domain) const {

@@ -1,7 +1,7 @@
-// The live sessions by logical network and domain, for the length of a report.
+// Sessions by logical network and domain, for the length of a report.
 //
-// A report asks several questions for each domain; without this each would walk over the whole table. Made in
-// one walk. Holds no references: the table must not change while it is in use. Main thread only.
+// A report asks several questions for each domain; without this each would walk over all sessions. Holds no
+// references: the table must not change while it is in use. Main thread only.
 #pragma once
 
 #include <string>
@@ -20,8 +20,7 @@ class SessionGroups {
     std::vector<SessionInfo*> sessions;  // those of ZOLSessions::sessions_by_id
   };
 
-  void add_in_leg(SessionInfo& session);
-  void add_session(SessionInfo& session);
+  void add(SessionInfo& session);
   // An empty domain stands for all.
   const Group& of(const std::string& network, const std::string& domain) const;
 

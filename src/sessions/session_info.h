@@ -14,6 +14,7 @@
 #include <string>
 
 #include "core/ipc_messages.h"
+#include "sessions/session_news.h"
 
 namespace zol {
 
@@ -119,6 +120,7 @@ class HTTPCounters {
   std::uint32_t total_responses() const;
   bool is_empty() const { return total_requests() == 0 && total_responses() == 0; }
   HTTPCounters& operator+=(const HTTPCounters& other);
+  bool operator==(const HTTPCounters& other) const = default;
   friend HTTPCounters operator+(HTTPCounters one, const HTTPCounters& other) { return one += other; }
 
  private:
@@ -126,7 +128,7 @@ class HTTPCounters {
 };
 
 // One TCP connection that the proxy carries for a client. Always held by shared_ptr, made with make_shared.
-struct SessionInfo : SessionInfoBase {
+struct SessionInfo : SessionInfoBase, SessionNewsHook {
   SessionInfo(const unsigned char* uuid, std::uint32_t client_address, std::uint16_t port);
 
   uuid_t session_id;              // the proxy's
@@ -151,7 +153,8 @@ struct SessionInfo : SessionInfoBase {
   bool connection_recover = false;  // survived a fail-open by reconnecting
   bool ignored = false;             // stays out of the session report
 
-  // The table's own book: how many Out entries hold this session, and whether it has left the map by id.
+  // The table's own book: how many entries hold this session, and whether it has left the map by id.
+  std::uint32_t in_entries = 0;
   std::uint32_t out_entries = 0;
   bool unlisted = false;
 };

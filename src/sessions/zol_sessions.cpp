@@ -30,6 +30,7 @@ SessionPtr ZOLSessions::create(const unsigned char* uuid, std::uint32_t client_a
   if (listed)
     unlist(*listed);
   listed = session;
+  news_.add(*session);
   SUP_LOG(sessions_logger(), log_level::debug)
       << "Creating new session info. ID: " << uuid_text(uuid)
       << " for client: " << log_peer(client_address, client_port) << ".";

@@ -155,10 +155,10 @@ class ZOLSessions {
   // Takes the counters out of the sessions: each message is reported once.
   HTTPCountersCointainer get_http_counters(const std::string& network, const std::string& domain);
   std::list<SessionPtr> get_zol_sessions() const;
-  // Between the two, the four queries above look only at the sessions that they are about. The table must not
-  // change meanwhile.
+  // Between the two, the queries of counts above look only at the sessions that have something to tell to the
+  // network and domain they are about. The table must not change meanwhile.
   void begin_report();
-  void end_report() { groups_.reset(); }
+  void end_report();
 
   // --- non-TCP flows
   static std::string gen_non_tcp_key(std::uint32_t protonum, std::uint32_t src, std::uint32_t dst,
@@ -214,7 +214,8 @@ class ZOLSessions {
   // 0 is known to have no other entry, and the walk through an inner map, long where one next hop serves
   // thousands of sessions, is left out.
   std::uint64_t unlisted_out_entries_ = 0;
-  std::unique_ptr<const SessionGroups> groups_;  // while a report is made
+  SessionNewsList<SessionInfo> news_;            // new, or with something to tell since the last report
+  std::unique_ptr<const SessionGroups> groups_;  // of news_, while a report is made
 };
 
 }  // namespace zol_monitor

@@ -105,7 +105,9 @@ void ZOLSessions::erase(const nf_conntrack* ct) {
     return;
   SUP_LOG(sessions_logger(), log_level::trace) << "Erasing 0x" << std::hex << place.node->first;
   place.map->erase(place.node);
-  if (place.map == &in_sessions || !erase_out_leg(place, *session))
+  const bool is_in_leg = place.map == &in_sessions;
+  session->in_entries -= is_in_leg;
+  if (is_in_leg || !erase_out_leg(place, *session))
     place.endpoint->is_erased = true;
   erase_if_unused(session);
 }

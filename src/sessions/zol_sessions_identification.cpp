@@ -75,6 +75,7 @@ void ZOLSessions::set_info_in(const SessionPtr& session, std::uint32_t address, 
   if (!inserted && !is_known) {
     displaced = std::exchange(entry->second, session);
     displaced->in_info.is_erased = true;
+    --displaced->in_entries;
   }
   SessionEndpointInfo& leg = session->in_info;
   leg.address = address;
@@ -83,6 +84,7 @@ void ZOLSessions::set_info_in(const SessionPtr& session, std::uint32_t address, 
   assign_if_set(leg.destination_ip, destination);
   if (is_known)
     return;
+  ++session->in_entries;
   SUP_LOG(sessions_logger(), log_level::debug) << "set_info_in"
                                                << ": Saving in session 0x" << std::hex << key;
   if (displaced)

@@ -51,6 +51,7 @@ void ZOLSessions::set_out_termination_reason(std::uint32_t client_address, std::
     return;
   }
   out.termination_reason = reason;
+  news_.add(*session);
   error_counters.update_counters(info.reason);
   session->next_hop_ip = info.address;
   out.end_time_ms = zol::Helper::get_timestamp_ms();
@@ -85,11 +86,14 @@ void ZOLSessions::ignored_session_info(const unsigned char* uuid) {
 }
 
 void ZOLSessions::update_http_counters(const unsigned char* uuid, zol::http_notification_t kind) {
-  if (const SessionPtr session = get(uuid))
-    session->http_counters.update(kind);
-  else
+  const SessionPtr session = get(uuid);
+  if (!session) {
     SUP_LOG(sessions_logger(), log_level::error) << "update_http_counters"
                                                  << ": Session not found";
+    return;
+  }
+  if (session->http_counters.update(kind))
+    news_.add(*session);
 }
 
 void ZOLSessions::set_in_stats(std::uint32_t address, std::uint16_t port, const unsigned char* uuid,

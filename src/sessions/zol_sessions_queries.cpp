@@ -17,15 +17,28 @@ bool is_target_failure(const SessionInfo& session) {
          session.out->termination_reason >= STR_RESOLUTION_FAILURE;
 }
 
+bool has_failed(const SessionInfo& session) {
+  return session.in_info.termination_reason >= STR_RESOLUTION_FAILURE ||
+         session.out_info.termination_reason >= STR_RESOLUTION_FAILURE;
+}
+
+// Whether a query may still count the session, now or after another message about it.
+bool may_have_news(const SessionInfo& session) {
+  return session.state == 0 || session.http_counters != HTTPCounters() ||
+         (!session.target_failure_counted && has_failed(session));
+}
+
 }  // namespace
 
 void ZOLSessions::begin_report() {
   auto groups = std::make_unique<SessionGroups>();
-  for (const auto& [key, session] : in_sessions)
-    groups->add_in_leg(*session);
-  for (const auto& [id, session] : sessions_by_id)
-    groups->add_session(*session);
+  news_.for_each([&](SessionInfo& session) { groups->add(session); });
   groups_ = std::move(groups);
+}
+
+void ZOLSessions::end_report() {
+  groups_.reset();
+  news_.remove_unless(may_have_news);
 }
 
 template <typename Visit>

@@ -103,6 +103,61 @@ TEST_F(QueriesTest, WhileAReportIsMade) {
   EXPECT_EQ(table_.get_domain_new_count("net-a", "shop.example"), 1U);
 }
 
+// Verifies that a session that has told all it had to tell is heard again in the report after its next
+// message, and that one whose leg ended meanwhile is not.
+TEST_F(QueriesTest, NewsAfterAReport) {
+  const SessionPtr session = add("shop.example", true, false);
+  session->state = 1;
+  add("mail.example", true, false)->state = 1;
+  table_.begin_report();
+  table_.end_report();
+  table_.update_http_counters(session->session_id, static_cast<zol::http_notification_t>(0));
+  table_.begin_report();
+  EXPECT_EQ(table_.get_http_counters("net-a", "shop.example").accepted.total_requests(), 1U);
+  EXPECT_TRUE(table_.get_http_counters("net-a", "mail.example").accepted.is_empty());
+  table_.end_report();
+
+  const Uuid failed(77);
+  table_.set_out_termination_reason(ip("198.51.100.20"), 40000, failed,
+                                    {ip("192.0.2.9"), 443, zol::FR_CONNECTION_REFUSED});
+  table_.get(failed)->network_id = "net-a";
+  table_.get(failed)->state = 1;
+  table_.begin_report();
+  const auto failures = table_.get_target_failure_by_domain_count("net-a", "");
+  EXPECT_EQ(failures.accepted + failures.public_network + failures.private_network, 1U);
+  table_.end_report();
+}
+
+// Verifies that, while a report is made, a session counts as often as it has In entries, and no longer once
+// the kernel has reported the end of its last.
+TEST_F(QueriesTest, NewSessionWithTwoInEntries) {
+  const Uuid uuid(5);
+  const SessionPtr session = identify_in(uuid, {"198.51.100.20", 1});
+  identify_in(uuid, {"198.51.100.20", 2});
+  ASSERT_EQ(table_.in_sessions.size(), 2U);
+  const auto count_in_a_report = [this] {
+    table_.begin_report();
+    const std::uint32_t count = table_.get_domain_new_count("net-a", "");
+    table_.end_report();
+    return count;
+  };
+  session->network_id = "net-a";
+  EXPECT_EQ(count_in_a_report(), 2U);
+  table_.erase(Connection({"198.51.100.20", 1}, proxy_peer));
+  EXPECT_EQ(count_in_a_report(), 1U);
+  EXPECT_EQ(table_.get_domain_new_count("net-a", ""), 1U);
+}
+
+// Verifies that a session displaced from its key by another one counts no longer.
+TEST_F(QueriesTest, DisplacedSessionInAReport) {
+  const SessionPtr first = identify_in(Uuid(5), {"198.51.100.20", 1});
+  first->network_id = "net-a";
+  identify_in(Uuid(6), {"198.51.100.20", 1})->network_id = "net-a";
+  table_.begin_report();
+  EXPECT_EQ(table_.get_domain_new_count("net-a", ""), 1U);
+  table_.end_report();
+}
+
 // Verifies that each failed target counts once, in the slot of what this node is to the session.
 TEST_F(QueriesTest, TargetFailures) {
   const auto fail = [](const SessionPtr& session) {
