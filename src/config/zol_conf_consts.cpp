@@ -6,7 +6,9 @@ namespace zol_conf_consts {
 }  // namespace zol_conf_consts
 #undef ZOL_KEY
 
+#define ZOL_KEY(variable, key)
+#define ZOL_KPA_KEY(variable, key) const char* variable = key;
 namespace kpa_conf_consts {
-const char* kpa_id_key = "General.kpa_id";
-const char* kpa_public_ip_key = "General.kpa_public_ip";
+#include "config/zol_conf_consts.def"
 }  // namespace kpa_conf_consts
+#undef ZOL_KEY

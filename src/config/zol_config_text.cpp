@@ -122,7 +122,7 @@ bool AConfigurator::list_all_keys(std::vector<std::string>& keys) const {
   }
 }
 
-bool AConfigurator::list_setting_keys(const Setting& setting, std::vector<std::string>& keys) const {
+bool AConfigurator::list_setting_keys(const Setting& setting, std::vector<std::string>& keys) {
   if (setting.isAggregate()) {
     bool whole = true;
     for (int i = 0; i < setting.getLength(); ++i)

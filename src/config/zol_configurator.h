@@ -11,6 +11,7 @@
 // against the node's other processes the file is ordered by the flock on "<file>.lock".
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <exception>
 #include <libconfig.h++>
@@ -77,6 +78,23 @@ class IReconfigure : public virtual IDispatch {
 
 class AConfigurator {
  public:
+  // One bit for each TCP or UDP port, all clear at first: 8 KB, copied by value. Port p is bit p & 7 of byte
+  // p >> 3.
+  class PortSettings {
+   public:
+    void set(unsigned short port, bool on);
+    // Both ends included; an `end` below `start` sets nothing.
+    void set_range(unsigned short start, unsigned short end, bool on);
+    bool get(unsigned short port) const;
+    void clear();
+    bool operator==(const PortSettings&) const = default;
+
+   private:
+    void set_ports(unsigned start, unsigned end, bool on);
+
+    std::array<std::uint8_t, 8192> bits_{};
+  };
+
   // Reads the file at once: FileNotFound when it can't be opened, libconfig::ParseException when it can't be
   // parsed. With `print_on_save`, save_configuration() writes to standard output and leaves the file alone. A
   // null name throws std::logic_error.
@@ -152,7 +170,7 @@ class AConfigurator {
   static bool group_to_string(const libconfig::Setting& setting, std::string& out, int level);
   // One "path=value" for each scalar of the tree.
   bool list_all_keys(std::vector<std::string>& keys) const;
-  bool list_setting_keys(const libconfig::Setting& setting, std::vector<std::string>& keys) const;
+  static bool list_setting_keys(const libconfig::Setting& setting, std::vector<std::string>& keys);
 
   libconfig::Config config;
 
@@ -205,6 +223,47 @@ class TheConfigurator {
   static bool is_adj_zol(unsigned short port);
   // Whether the address is an ip_address of HighAvailability.clients.
   static bool is_ha_agent_monitor_addr(const std::string& ip);
+
+  // --- three-way merge of configuration files, for the node's programs that get a new base file
+  // Carries what `local_file` has changed against its old base into the new configuration, `target_file`.
+  // True when that is written. Each failure leaves the target as it was, on disk also when the process ends
+  // in the middle: one that can't be opened, read as ports or written is logged and gives false; one with a
+  // syntax error throws libconfig::ParseException. What the target hasn't got is not carried, nor are
+  // comments.
+  static int smart_merge(const char* local_file, const char* base_file, const char* target_file);
+  static bool open_cfg_file(libconfig::Config& tree, const char* path);
+
+  // Each merges one setting of the local tree into the target's tree; false, logged, when that can't be done,
+  // and the target's tree is then of no use.
+  static bool merge_setting(const libconfig::Setting& local, const libconfig::Config& base,
+                            libconfig::Config& target);
+  static bool merge_group(const libconfig::Setting& local, const libconfig::Config& base,
+                          libconfig::Config& target);
+  static bool merge_scalar(const libconfig::Setting& local, const libconfig::Config& base,
+                           libconfig::Config& target);
+  static bool merge_array(const libconfig::Setting& local, const libconfig::Config& base,
+                          libconfig::Config& target);
+  static bool merge_list(const libconfig::Setting& local, const libconfig::Config& base,
+                         libconfig::Config& target);
+  static bool merge_nat_rules_list(const libconfig::Setting& local, const libconfig::Config& base,
+                                   libconfig::Config& target);
+  static bool merge_zol_out_ips_array(const libconfig::Setting& local, const libconfig::Config& base,
+                                      libconfig::Config& target);
+  static bool merge_port_ranges_list(const libconfig::Setting& local, const libconfig::Config& base,
+                                     libconfig::Config& target);
+
+  // Two types are never equal, a NaN equals nothing.
+  static bool equal_scalar_settings(const libconfig::Setting& a, const libconfig::Setting& b);
+  // False, logged, when the types differ or are none of a scalar.
+  static bool copy_scalar_settings(const libconfig::Setting& from, libconfig::Setting& to);
+  // A list of arrays of two integers, each an inclusive range of ports, such as ([80, 90], [443, 443]).
+  // False, logged, for anything else; a range that runs backwards is empty.
+  static bool port_ranges_list_to_settings(const libconfig::Setting& list,
+                                           AConfigurator::PortSettings& ports);
+  // Replaces the elements of the list by the fewest ranges, ascending. Port 0 is never one of them.
+  static bool port_ranges_settings_to_list(const AConfigurator::PortSettings& ports,
+                                           libconfig::Setting& list);
+  static bool add_port_range(libconfig::Setting& list, int first, int last);
 
  private:
   static inline AConfigurator* injected = nullptr;

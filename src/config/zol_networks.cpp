@@ -121,7 +121,8 @@ void ZOLNetworks::read_possible_floating_ips() {
 
 void ZOLNetworks::parse_hop_map(const std::string& hop_id) {
   hop_map.my_ips = get_my_static_ips();
-  hop_map.parse(hop_id);
+  if (hop_map.parse(hop_id))
+    hop_map.update_other_zol_ips_ipset();
 }
 
 void ZOLNetworks::merge_hop_map_info(std::string& internal, std::string& external) {
@@ -129,7 +130,7 @@ void ZOLNetworks::merge_hop_map_info(std::string& internal, std::string& externa
   floating_ips = hop_map.parsed ? hop_map.get_floating_ips() : possible_floating_ips;
   merge_floatings(floating_ips);
   if (!floating_ips.empty()) {
-    if (ha_mode == ha_mode_t::autonomous && HAManager::instance()->has_dynamic_floating_ip())
+    if (ha_mode == ha_mode_t::autonomous && HAManager::has_dynamic_floating_ip())
       internal = external = *floating_ips.begin();
   } else if (get_static_external_ips().size() > 1) {
     floating_ips.insert(external);
