@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <ctime>
 #include <list>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -57,6 +58,11 @@ class Helper {
   // The first IPv4 address of a network device; false, with `address` left alone, when it has none.
   static bool lookup_device_ipv4(const std::string& device, std::string& address);
   static bool lookup_device_ipv4(const std::string& device, in_addr& address);
+  // The network device of the kernel's route to a destination; empty when there is no route.
+  static std::string dst_dev_get(const std::string& destination);
+  // The IPv4 addresses of this machine's devices: with or without those of the loopback device, and with or
+  // without aliases, which bear a label of their own beside the device's name ("eth0:1").
+  static std::set<std::string> get_machine_static_ips(bool without_loopback, bool without_aliases);
 
   // --- the node's role, from its configuration ---
 
@@ -90,6 +96,13 @@ class Helper {
   // An empty `to` stands for the end of the text. Empty when the text lacks one of them.
   static std::string extract_token(const std::string& text, const std::string& from, const std::string& to,
                                    bool keep_from);
+  // The pieces with the separator between them.
+  static std::string serialize_strings(const std::set<std::string>& pieces, char separator);
+  // Whether there is anything of that name.
+  static bool is_file_exists(const std::string& path);
+  // The whole of a regular file, a megabyte at most; false, and `text` left alone, when it is none or can't
+  // be read.
+  static bool string_from_file(const std::string& path, std::string& text);
   // Whether two files hold the same bytes; false when one can't be read.
   static bool compare_files(const std::string& one, const std::string& other);
   static unsigned long calc_number_of_cores();  // 0 when unknown

@@ -1,9 +1,12 @@
 // Whole files: reading and comparing.
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "common/unique_fd.h"
 #include "libzolutils/helper_internal.h"
@@ -56,6 +59,36 @@ bool read_file(const std::string& path, std::string& text) {
 }  // namespace zol_utils
 
 namespace zol {
+
+namespace {
+
+constexpr std::size_t max_text = 1024 * 1024;
+
+}  // namespace
+
+bool Helper::is_file_exists(const std::string& path) {
+  return ::access(path.c_str(), F_OK) == 0;
+}
+
+// Not to be held up by a named pipe that somebody has put in the file's place.
+bool Helper::string_from_file(const std::string& path, std::string& text) {
+  const zol_utils::UniqueFd file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  struct stat state;
+  if (!file || ::fstat(file.get(), &state) != 0 || !S_ISREG(state.st_mode))
+    return false;
+  std::string content;
+  Block block;
+  while (content.size() < max_text) {
+    const ssize_t size = read_block(file.get(), block);
+    if (size < 0)
+      return false;
+    content.append(block.data(), static_cast<std::size_t>(size));
+    if (static_cast<std::size_t>(size) < block.size())
+      break;
+  }
+  text = std::move(content);
+  return true;
+}
 
 bool Helper::compare_files(const std::string& one, const std::string& other) {
   const zol_utils::UniqueFd first = open_to_read(one);

@@ -22,6 +22,16 @@ void Helper::deserialize_strings(const std::string& text, std::vector<std::strin
   pieces = deserialize_strings(text, separator);
 }
 
+std::string Helper::serialize_strings(const std::set<std::string>& pieces, char separator) {
+  std::string text;
+  for (const std::string& piece : pieces) {
+    if (!text.empty())
+      text += separator;
+    text += piece;
+  }
+  return text;
+}
+
 std::string Helper::extract_token(const std::string& text, const std::string& from, const std::string& to,
                                   bool keep_from) {
   const std::size_t opening = text.find(from);

@@ -8,6 +8,7 @@
 #include "config/zol_conf_consts.h"
 #include "config/zol_configurator.h"
 #include "config/zol_networks.h"
+#include "ha/ha_manager.h"
 #include "reporting/report_text.h"
 #include "sessions/zol_monitor_data.h"
 #include "shared_object.h"
@@ -80,6 +81,9 @@ std::string PeriodicReporter::create_report() {
   if (libvariant::Variant vpn_status = get_vpn_status(); !vpn_status.At("connections").Empty())
     report.Assign("vpn-info", std::move(vpn_status));
   add_metadata(report, zol_conf_consts::monitoring_send_meta_data_on_periodic_report_key);
+  auto [dynamic, tunnels] = zol::HAManager::instance()->get_ha_report();
+  assign_unless_empty(report, "high_availability", std::move(dynamic));
+  assign_unless_empty(report, "primary_secondary_active_tunnel", std::move(tunnels));
   assign_unless_empty(report, "floating_ip", zol::ZOLNetworks::instance()->get_my_hop_floating_ip());
   std::string text = report_text(report);
   publish_report(text);

@@ -100,6 +100,10 @@ void Watchdog::make_records() {
   records_.services = zol_utils::create_shared_record<zol_utils::ZolHistoricServices>(version);
   records_.states = zol_utils::create_shared_record<zol_utils::ConntrackStates>(version);
   records_.aggregated = zol_utils::create_shared_record<zol_utils::AggregatedStats>(version);
+  records_.tunnels = zol_utils::create_shared_record<zol_utils::vpn_tunnel_states_t>(version);
+  records_.meds = zol_utils::create_shared_record<zol_utils::tunnel_med_results_t>(version);
+  records_.latencies = zol_utils::create_shared_record<zol_utils::tunnel_monitoring_results_t>(version);
+  records_.vrrp = zol_utils::create_shared_record<zol_utils::vrrp_status_t>(version);
   EventLine("records");
 }
 

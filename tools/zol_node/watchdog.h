@@ -16,6 +16,9 @@
 
 #include "shared_object.h"
 #include "shared_records.h"
+#include "tunnel_monitoring_results.h"
+#include "vpn_tunnel_records.h"
+#include "vrrp_status.h"
 #include "zol_node/options.h"
 #include "zol_proxy/event_handles.h"
 
@@ -38,6 +41,10 @@ class Watchdog {
     std::unique_ptr<zol_utils::SharedObject<zol_utils::ZolHistoricServices>> services;
     std::unique_ptr<zol_utils::SharedObject<zol_utils::ConntrackStates>> states;
     std::unique_ptr<zol_utils::SharedObject<zol_utils::AggregatedStats>> aggregated;
+    std::unique_ptr<zol_utils::SharedObject<zol_utils::tunnel_monitoring_results_t>> latencies;
+    std::unique_ptr<zol_utils::SharedObject<zol_utils::vpn_tunnel_states_t>> tunnels;
+    std::unique_ptr<zol_utils::SharedObject<zol_utils::tunnel_med_results_t>> meds;
+    std::unique_ptr<zol_utils::SharedObject<zol_utils::vrrp_status_t>> vrrp;
   };
 
   template <void (Watchdog::*member)()>

@@ -3,9 +3,11 @@
 //   zol_shm dump RECORD           the record's bytes as hexadecimal, taken without its lock
 //   zol_shm lock RECORD SECONDS   takes the lock, prints "locked", lets it go after that time
 //   zol_shm die RECORD            takes the lock, prints "locked", and ends without letting it go
+//   zol_shm role INSTANCE ROLE    writes the role (master, backup or unknown) of a VRRP instance into the
+//                                 record vrrp, as the scripts do that keepalived runs on a change
 //
-// RECORD is status, report, services, states or aggregated. Status 1 when the record isn't there or can't be
-// locked.
+// RECORD is status, report, services, states, aggregated, tunnels, meds, latencies or vrrp. Status 1 when
+// the record isn't there or can't be locked.
 #include <semaphore.h>
 #include <unistd.h>
 
@@ -15,18 +17,23 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <map>
 #include <string>
 #include <thread>
 
 #include "dual_zol_helper.h"
 #include "shared_object.h"
 #include "shared_records.h"
+#include "tunnel_monitoring_results.h"
+#include "vpn_tunnel_records.h"
+#include "vrrp_status.h"
 
 namespace {
 
 constexpr const char* usage =
-    "usage: zol_shm dump|die RECORD, zol_shm lock RECORD SECONDS; "
-    "RECORD: status|report|services|states|aggregated\n";
+    "usage: zol_shm dump|die RECORD, zol_shm lock RECORD SECONDS, "
+    "zol_shm role INSTANCE master|backup|unknown; "
+    "RECORD: status|report|services|states|aggregated|tunnels|meds|latencies|vrrp\n";
 
 template <typename T>
 void dump(const T& record) {
@@ -67,6 +74,19 @@ int work(const std::string& command, const char* seconds) {
   return 0;
 }
 
+using zol_utils::VRRPRole;
+
+const std::map<std::string, VRRPRole> roles = {
+    {"unknown", VRRPRole::unknown}, {"master", VRRPRole::master}, {"backup", VRRPRole::backup}};
+
+int set_role(const std::string& instance, VRRPRole role) {
+  const int slot = zol_utils::VRRPStatus::add_state(instance);
+  if (slot == zol_utils::VRRPStatus::no_slot)
+    return 1;
+  zol_utils::VRRPStatus::save_state_to_shm(slot, role);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -75,6 +95,10 @@ int main(int argc, char** argv) {
   const bool good =
       (argc == 3 && (command == "dump" || command == "die")) || (argc == 4 && command == "lock");
   try {
+    if (argc == 4 && command == "role" && roles.contains(argv[3]))
+      return set_role(record, roles.at(argv[3]));
+    if (good && record == "vrrp")
+      return work<zol_utils::vrrp_status_t>(command, argv[argc - 1]);
     if (good && record == "status")
       return work<zol_utils::ZolStatusData>(command, argv[argc - 1]);
     if (good && record == "report")
@@ -85,6 +109,12 @@ int main(int argc, char** argv) {
       return work<zol_utils::ConntrackStates>(command, argv[argc - 1]);
     if (good && record == "aggregated")
       return work<zol_utils::AggregatedStats>(command, argv[argc - 1]);
+    if (good && record == "tunnels")
+      return work<zol_utils::vpn_tunnel_states_t>(command, argv[argc - 1]);
+    if (good && record == "meds")
+      return work<zol_utils::tunnel_med_results_t>(command, argv[argc - 1]);
+    if (good && record == "latencies")
+      return work<zol_utils::tunnel_monitoring_results_t>(command, argv[argc - 1]);
   } catch (const std::exception& error) {
     fprintf(stderr, "zol_shm: %s\n", error.what());
     return 1;

@@ -10,6 +10,7 @@
 #include "config/zol_configurator.h"
 #include "config/zol_networks.h"
 #include "core/monitor_context.h"
+#include "ha/ha_manager.h"
 #include "hqs_fixture.h"
 #include "sessions/zol_monitor_data.h"
 #include "shared_object.h"
@@ -17,6 +18,7 @@
 #include "sites/vpn_sites_services.h"
 #include "sup_logger.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/vrrp_record.h"
 
 namespace {
 
@@ -176,6 +178,27 @@ TEST_F(ZOLReportersTest, periodic_floating_ip) {
   zol::ZOLNetworks::instance()->floating_ips = {"192.0.2.50", "192.0.2.40"};
   PeriodicReporter reporter = make_periodic();
   EXPECT_EQ(libvariant::Deserialize(reporter.create_report()).At("floating_ip").AsString(), "192.0.2.40");
+}
+
+TEST_F(ZOLReportersTest, periodic_high_availability) {
+  // Verifies that the roles of the node's pair are reported, each block when it has something to tell.
+  zol_test::VrrpRecord record;
+  PeriodicReporter reporter = make_periodic();
+  record.add("site-1", 1, 2);
+  Variant report = libvariant::Deserialize(reporter.create_report());
+  EXPECT_FALSE(report.Contains("high_availability"));
+  const Variant& tunnels = report.At("primary_secondary_active_tunnel").At("tunnels");
+  ASSERT_THAT(tunnels.AsList(), SizeIs(1));
+  EXPECT_EQ(tunnels.AsList()[0].At("site_id").AsString(), "site-1");
+  EXPECT_TRUE(tunnels.AsList()[0].At("active_tunnel").AsBool());
+  EXPECT_EQ(tunnels.AsList()[0].At("state_changes_amount").AsInt(), 2);
+  zol::HAManager::instance()->states.clear();
+  std::strcpy(record.at(0).name, "dynamic");
+  report = libvariant::Deserialize(reporter.create_report());
+  zol::HAManager::instance()->states.clear();
+  EXPECT_FALSE(report.Contains("primary_secondary_active_tunnel"));
+  EXPECT_EQ(report.At("high_availability").At("state").AsString(), "active");
+  EXPECT_EQ(report.At("high_availability").At("state_changes_amount").AsInt(), 2);
 }
 
 TEST_F(ZOLReportersTest, periodic_vpn_info) {
