@@ -40,6 +40,8 @@ std::set<Request*>& in_flight() {
   return *requests;
 }
 
+Resolver* the_instance = nullptr;
+
 void drop(Request* request) {
   in_flight().erase(request);
   delete request->query;
@@ -112,6 +114,16 @@ Resolver::~Resolver() {
     if (request->owner == this)
       drop(request);
   }
+  if (the_instance == this)
+    the_instance = nullptr;
+}
+
+Resolver* Resolver::instance() {
+  return the_instance;
+}
+
+void Resolver::set_instance(Resolver* resolver) {
+  the_instance = resolver;
 }
 
 bool Resolver::answer_at_once(const std::string& host, resolve_callback callback, void* arg) {

@@ -64,6 +64,11 @@ class Resolver {
   Resolver& operator=(const Resolver&) = delete;
   ~Resolver();
 
+  // The process's own, for who has no reason to hold one; null as long as set_instance named none, and again
+  // when that one is gone.
+  static Resolver* instance();
+  static void set_instance(Resolver* resolver);
+
   // Calls back at once and returns null for a literal address, a name of /etc/hosts or a cached one.
   // Otherwise a handle for cancel_request, good until the callback is called.
   void* getaddrinfo_async(const std::string& host, resolve_callback callback, void* arg);
