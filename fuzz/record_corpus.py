@@ -12,7 +12,8 @@ import subprocess
 import time
 
 CORPUS = pathlib.Path(__file__).resolve().parent / "corpus"
-NETLINK_NETFILTER, NETLINK_SOCK_DIAG = 12, 4
+NETLINK_ROUTE, NETLINK_NETFILTER, NETLINK_SOCK_DIAG = 0, 12, 4
+RTMGRP_IPV4_ROUTE = 64
 
 
 def save(target, name, content):
@@ -171,14 +172,115 @@ def record_configuration():
     save("configuration_text", "nested", b"a: { b: { c: ( ( 1, [ 2L, 3L ] ), { d = 1.5; e = true; f = \"x\\n\"; } ); }; };\n")
 
 
+def ones_sum(data):
+    total = sum(struct.unpack(f">{len(data) // 2}H", data))
+    while total > 0xffff:
+        total = (total >> 16) + (total & 0xffff)
+    return ~total & 0xffff
+
+
+def record_probe_packets():
+    """The kernel's answers to an echo request and to a SYN, and what a raw socket also hears."""
+    localhost = socket.inet_aton("127.0.0.1")
+    icmp = socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_ICMP)
+    icmp.settimeout(1)
+    payload = bytes(range(0x41, 0x41 + 40))
+    checksum = ones_sum(struct.pack(">BBHHH", 8, 0, 0, 40000, 1) + payload)
+    icmp.sendto(struct.pack(">BBHHH", 8, 0, checksum, 40000, 1) + payload, ("127.0.0.1", 0))
+    save("probe_packet", "echo-request", icmp.recv(1514))
+    reply = icmp.recv(1514)
+    save("probe_packet", "echo-reply", reply)
+    for size in (0, 19, 20, 27, 28, 67):
+        save("probe_packet", f"echo-reply-{size:02}", reply[:size])
+    save("probe_packet", "echo-reply-other-id", reply[:24] + b"\x9c\x41" + reply[26:])
+    save("probe_packet", "echo-reply-other-sequence", reply[:26] + b"\0\2" + reply[28:])
+    save("probe_packet", "echo-reply-other-host", reply[:12] + b"\x7f\0\0\2" + reply[16:])
+    save("probe_packet", "echo-reply-options", b"\x46" + reply[1:20] + b"\1\1\1\0" + reply[20:])
+    socket.socket(socket.AF_INET, socket.SOCK_DGRAM).sendto(b"x", ("127.0.0.1", 9))
+    save("probe_packet", "unreachable", icmp.recv(1514))
+
+    tcp = socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_TCP)
+    tcp.settimeout(1)
+
+    def answer_to_syn(name):
+        header = struct.pack(">HHIIHHHH", 20000, 20001, 0x01020304, 0, 0x5002, 2048, 0, 0)
+        checksum = ones_sum(localhost + localhost + struct.pack(">HH", 6, 20) + header)
+        tcp.sendto(header[:16] + struct.pack(">HH", checksum, 0), ("127.0.0.1", 0))
+        packet = b""
+        while len(packet) < 40 or struct.unpack_from(">H", packet, 22)[0] != 20000:
+            packet = tcp.recv(1514)
+        save("probe_packet", name, packet)
+        return packet
+
+    rst = answer_to_syn("rst")
+    save("probe_packet", "rst-other-acknowledgement", rst[:28] + b"\1\2\3\4" + rst[32:])
+    with socket.create_server(("127.0.0.1", 20001)):
+        accepted = answer_to_syn("syn-ack")
+    for size in (39, 40):
+        save("probe_packet", f"syn-ack-{size}", accepted[:size])
+
+
+def record_routes():
+    """Notifications of routes of all kinds, a dump, and messages whose lengths or attributes are wrong."""
+    for name in ("vti1", "eth1"):
+        run("ip", "link", "add", name, "type", "veth", "peer", "name", f"far-{name}")
+        run("ip", "link", "set", name, "up")
+        run("ip", "link", "set", f"far-{name}", "up")
+    run("ip", "address", "add", "192.0.2.1/24", "dev", "eth1")
+    listener = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, NETLINK_ROUTE)
+    listener.bind((0, RTMGRP_IPV4_ROUTE))
+    listener.settimeout(1)
+
+    def change(name, verb, *words):
+        run("ip", "route", verb, "table", "1005", *words)
+        message = listener.recv(32768)
+        save("route_message", name, message)
+        return message
+
+    plain = change("gateway", "add", "10.1.0.0/16", "via", "192.0.2.2")
+    change("replaced", "replace", "10.1.0.0/16", "via", "192.0.2.3")
+    change("deleted", "del", "10.1.0.0/16")
+    change("tunnel", "add", "10.2.3.4/32", "dev", "vti1")
+    change("default", "add", "default", "via", "192.0.2.2", "metric", "7")
+    change("link-local", "add", "10.3.0.0/16", "via", "169.254.7.7", "dev", "eth1", "onlink")
+    change("multipath", "add", "10.4.0.0/16", "nexthop", "via", "192.0.2.2", "nexthop", "via", "192.0.2.3")
+    metrics = change("metrics", "add", "10.5.0.0/16", "via", "192.0.2.2", "src", "192.0.2.1", "mtu", "1400")
+    change("blackhole", "add", "blackhole", "10.6.0.0/16")
+    listener.send(struct.pack("=IHHII", 28, 26, 0x301, 1, 0) + struct.pack("=BBBBBBBBI", 2, 0, 0, 0, 0, 0, 0, 0, 0x100))
+    dump = listener.recv(32768)
+    save("route_message", "dump", dump)
+    done = listener.recv(32768)
+    save("route_message", "done", done)
+    save("route_message", "dump-interrupted", dump[:6] + struct.pack("=H", 0x12) + dump[8:])
+    save("route_message", "done-with-error", done[:16] + struct.pack("=i", -22) + done[20:])
+    save("route_message", "refused", struct.pack("=IHHIIi", 36, 2, 0, 1, 1, -16) + bytes(16))
+    for size in (0, 15, 16, 27, 28, 31, len(plain) - 1):
+        save("route_message", f"cut-{size:02}", plain[:size])
+    save("route_message", "length-above-int-max", struct.pack("=I", 0xfffffff0) + plain[4:])
+    save("route_message", "length-too-small", struct.pack("=I", 15) + plain[4:])
+    save("route_message", "length-ends-in-header", struct.pack("=I", 27) + plain[4:])
+    save("route_message", "prefix-33", plain[:17] + b"\x21" + plain[18:])
+    save("route_message", "attribute-too-long", plain[:28] + struct.pack("=H", 4096) + plain[30:])
+    save("route_message", "attribute-too-short", plain[:28] + struct.pack("=H", 3) + plain[30:])
+    save("route_message", "attribute-of-7", plain[:28] + struct.pack("=H", 7) + plain[30:])
+    at = metrics.index(struct.pack("=H", 8), 28)
+    save("route_message", "attribute-unknown", metrics[:at + 2] + struct.pack("=H", 77) + metrics[at + 4:])
+    bare = struct.pack("=BBBBBBBBI", 2, 24, 0, 0, 252, 12, 0, 1, 0)
+    for name, attributes in (("no-attributes", b""), ("no-destination", struct.pack("=HHI", 8, 15, 1005)),
+                             ("metrics-of-3", struct.pack("=HHI", 8, 15, 1005) + b"\7\0\x08\0abc\0")):
+        save("route_message", name, struct.pack("=IHHII", 28 + len(attributes), 24, 0, 1, 1) + bare + attributes)
+
+
 def main():
     os.environ["LC_ALL"] = "C"
     run("ip", "link", "set", "lo", "up")
     record_conntrack()
     record_tcp_diag()
     record_dns()
+    record_probe_packets()
     record_ipc()
     record_configuration()
+    record_routes()
     for folder in sorted(CORPUS.iterdir()):
         print(folder.name, len(list(folder.iterdir())))
 

@@ -24,10 +24,10 @@ const char* traffic_path() {
 Monitor::Monitor(zol::Services* services_in, zol::SiteServicesBase* site_services_in,
                  zol::ISiteAdditionalInfo* site_info, bool tcp_diag_enabled)
     : MonitorData(services_in, site_services_in, this, tcp_diag_enabled),
+      site_info_(site_info),
       periodic_(this, "Periodic", true),
       traffic_(this, "Traffic", true),
-      sessions_context_(this, "Sessions", true),
-      site_info_(site_info) {
+      sessions_context_(this, "Sessions", true) {
   sessions.set_listener(this);
 }
 

@@ -43,12 +43,11 @@ class Monitor : public MonitorIPC, public MonitorData, public ISessionsEvents {
   void max_sessions_notify() override;
 
  protected:
+  // Given at construction, or by a deriving class before init_reporter.
+  zol::ISiteAdditionalInfo* site_info_;
   ReporterContext periodic_;
   ReporterContext traffic_;
   ReporterContext sessions_context_;
-
- private:
-  zol::ISiteAdditionalInfo* site_info_;
 };
 
 }  // namespace zol_monitor

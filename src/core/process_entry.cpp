@@ -26,6 +26,8 @@
 #include "core/zol_random.h"
 #include "dns/resolver.h"
 #include "dual_zol_helper.h"
+#include "ha/bgp_routes_services.h"
+#include "sites/ipset.h"
 #include "sites/vpn_sites_services.h"
 #include "sites/zol_vpn_sites.h"
 #include "stats/proc_stats_manager.h"
@@ -48,6 +50,7 @@ zol::ZOLEventLibEventTimer health_timer(send_health, nullptr, -1);
 zol::ZOLEventLibEventTimer next_hop_timer(address_resolver, nullptr, -1);
 
 std::unique_ptr<ZOLMonitor> monitor;
+zol::NamedIPSet other_zol_ips("other_zol_ips");
 std::string node_id;
 std::unique_ptr<zol::Resolver> resolver;  // of the next hop's name
 void* next_hop_request = nullptr;         // the look-up in progress
@@ -85,14 +88,24 @@ void start_logging() {
   SUP_LOG(logger(), log_level::info) << "Starting Monitoring process ...";
 }
 
+// The hop map is read with the networks, before it has its set.
+void keep_other_zol_ips() {
+  zol::HopMap& hop_map = zol::ZOLNetworks::instance()->hop_map;
+  hop_map.set_other_zol_ips(&other_zol_ips);
+  if (hop_map.parsed)
+    hop_map.update_other_zol_ips_ipset();
+}
+
 void build() {
   zol_monitor_init();
   event_loop.init();
   zol_logging_watch_on(logging, zol::ZOLEventBase::base());
-  zol::ZOLNetworks::instance();
+  keep_other_zol_ips();
   zol::ZOLVPNSitesConf::instance();
   zol::Resolver::use_local_ns();
   resolver = std::make_unique<zol::Resolver>(false, 0, next_hop_ns_timeout_ms, 0);
+  zol::Resolver::set_instance(resolver.get());
+  zol::BGPRoutesServices::apply_configuration(1);
   zol::SiteServices::instance();
   monitor = std::make_unique<ZOLMonitor>(node_id);
   monitor->init_reporter();
@@ -154,6 +167,7 @@ void zol_monitor_uninit() {
     monitor->uninit_reporter();
     monitor.reset();
   }
+  zol::SiteServices::end();
   drop_events();
   stop_core_check();
   health_timer.del(false);

@@ -13,6 +13,7 @@
 #include "dual_zol_helper.h"
 #include "ipc.h"
 #include "reporting/report_text.h"
+#include "sites/vpn_conn_data_agg.h"
 #include "sites/vpn_sites_services.h"
 #include "sup_logger.h"
 #include "variant.h"
@@ -44,6 +45,7 @@ void answer_cli(const char* handler, int fd, msgtype_e type, const std::string& 
 
 ZOLMonitor::ZOLMonitor(const std::string& node_id)
     : Monitor(the_services(), zol::SiteServices::instance(), nullptr, true), node_id_(node_id) {
+  site_info_ = &station_monitor_;
   init_socket();
   owned_states_manager_ = std::make_unique<ConntrackStatesManager>(this);
   states_manager = owned_states_manager_.get();
@@ -88,7 +90,8 @@ void ZOLMonitor::term_notify(ipcmsg_t*) {
 }
 
 void ZOLMonitor::vpn_log_cli(ipcmsg_t*) {
-  answer_cli("vpn_log_cli", fd, msgtype_e::vpn_log, "");  // no connections, no log of them
+  const zol::VPNConnDataAgg* log = site_services->get_conn_agg();
+  answer_cli("vpn_log_cli", fd, msgtype_e::vpn_log, log == nullptr ? "" : log->get_vpn_log());
 }
 
 void ZOLMonitor::vpn_info_cli(ipcmsg_t*) {

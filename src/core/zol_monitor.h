@@ -5,6 +5,7 @@
 #include <string>
 
 #include "core/monitor.h"
+#include "probes/station_monitor.h"
 
 namespace zol_monitor {
 
@@ -36,6 +37,7 @@ class ZOLMonitor : public Monitor {
 
  private:
   std::string node_id_;
+  StationMonitor station_monitor_;
   std::unique_ptr<ConntrackStatesManager> owned_states_manager_;  // MonitorData::states_manager
 };
 

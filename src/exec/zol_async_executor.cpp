@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <fstream>
 #include <functional>
 
@@ -12,6 +13,8 @@
 namespace zol {
 
 namespace {
+
+constexpr std::streamsize max_result_size = 65536;
 
 SupLogger& logger() {
   static SupLogger& instance = SupLogger::get_instance("AsyncExecutor");
@@ -125,6 +128,7 @@ void AsyncExecutor::terminate() {
     return;
   if (executor->process_alive())
     executor->stop();
+  kill(-executor->pid, SIGKILL);  // the shell's own children, which don't end with it
   sigchld_unregister(this);
   state = async_state::failed;
 }
@@ -137,9 +141,11 @@ void AsyncExecutor::retrieve_result() {
                                         << ": failed for " << cmd << " output file does not exist";
     return;
   }
-  bool first = true;
-  for (std::string line; std::getline(file, line); first = false)
-    result += (first ? "" : "\n") + line;
+  result.resize(max_result_size);
+  file.read(result.data(), max_result_size);
+  result.resize(static_cast<std::size_t>(file.gcount()));
+  if (result.ends_with('\n'))
+    result.pop_back();
   unlink(output_path.c_str());
 }
 

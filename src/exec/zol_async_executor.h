@@ -5,6 +5,8 @@
 // the version and the command, so that two objects must not run one command at one time. Only the output of
 // the command's last part is caught when it is a list ("a; b"): the redirection is put behind the text.
 //
+// A command that is stopped is stopped with its children, since the shell is between it and us.
+//
 // Main thread only: ends and time-outs arrive from the loop. The child dies with the process. A subclass's
 // destructor calls terminate() when it may find a command running: from here on nobody hears of its end.
 #pragma once
@@ -55,7 +57,7 @@ class AsyncExecutor : public SigChildHandler {
   virtual void handle_async_results() = 0;
 
   std::unique_ptr<Executor> executor;
-  std::string result;  // the lines of the output, without the last line feed
+  std::string result;  // the first 64 KiB of the output, without the last line feed
   int state = async_state::idle;
   unsigned timeout_ms = 0;
   ZOLEventLibEventTimer timeout_timer;

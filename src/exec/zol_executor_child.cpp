@@ -121,6 +121,7 @@ void Executor::run_child(const Launch& launch) const noexcept {
     _exit(cannot_run);
   };
   reset_signals();
+  setpgid(0, 0);  // so that what the program starts can be ended with it
   if (!output_file.empty() && !redirect_output()) {
     SUP_LOG(logger(), log_level::error) << "Failed to redirect output to " << output_file;
     give_up();

@@ -19,7 +19,8 @@ TOTAL_RETRANSMISSIONS = HEADER + 1904
 REPORT, MAX_REPORT, TERMINATOR = HEADER, 12288, 12336
 BLOCK_SIZE = 4096
 TYPES = {"status": "13ZolStatusData", "report": "13ZolReportData", "services": "19ZolHistoricServices"}
-ALL_TYPES = {**TYPES, "states": "15ConntrackStates", "aggregated": "15AggregatedStats"}
+ALL_TYPES = {**TYPES, "states": "15ConntrackStates", "aggregated": "15AggregatedStats",
+             "vrrp": "13vrrp_status_t"}
 OPEN_FAILED = "FATAL: Failed to open SharedObject shm"
 UUID = "00112233445566778899aabbccddeeff"
 

@@ -6,7 +6,7 @@ import pytest
 from standin import conf
 from standin.wait import run_and_expect
 
-ALL_RECORDS = ("status", "report", "services", "states", "aggregated")
+ALL_RECORDS = ("status", "report", "services", "states", "aggregated", "tunnels", "meds", "latencies", "vrrp")
 
 
 @pytest.fixture

@@ -84,6 +84,16 @@ TEST_F(ZolAsyncExecutor, GivesOutput) {
       log_level::debug, "sigchld_handler_cb: SIGCHLD recieved for printf 'one\\ntwo\\n' result: one\ntwo"));
 }
 
+// Verifies that of a flood of output the first 64 KiB are taken, and that an empty line at the end stays.
+TEST_F(ZolAsyncExecutor, LongOutput) {
+  Command command("head -c 10000000 /dev/zero | tr '\\0' x");
+  ASSERT_TRUE(run_to_end(command));
+  EXPECT_EQ(command.result, std::string(65536, 'x'));
+  command.set_cmd("printf 'one\\n\\n'", 0);
+  ASSERT_TRUE(run_to_end(command));
+  EXPECT_EQ(command.result, "one\n");
+}
+
 // Verifies that the output file's name is the version and the hash of the command, worked out by hand for
 // "true" (the string hash of the standard library, seed 0xc70f6907).
 TEST_F(ZolAsyncExecutor, OutputFileFollowsFromCommand) {
@@ -222,6 +232,18 @@ TEST_F(ZolAsyncExecutor, TimeLimit) {
   ASSERT_TRUE(run_until([pid] { return zol_test::state_of(pid) == '\0'; }));  // reaped
   EXPECT_EQ(command.handled, 1);
   EXPECT_FALSE(log_.contains("SIGCHLD recieved"));
+}
+
+// Verifies that what the command's shell has started ends with it, though it ignores SIGTERM.
+TEST_F(ZolAsyncExecutor, TimeLimitOfShellsChild) {
+  zol_test::Announcements announcements(folder_.file("said"));
+  const std::string text = "sh -c 'trap \"\" TERM; echo $$ > " + folder_.file("said") + "; exec sleep 1000'";
+  Command command(text.c_str(), 0);
+  ASSERT_TRUE(command.run());
+  const int child = std::stoi(announcements.next());
+  ASSERT_NE(child, command.pid);
+  command.terminate();
+  EXPECT_TRUE(ends(child));
 }
 
 // Verifies that a command that ignores SIGTERM doesn't outlive its time either, and that its output is kept.
