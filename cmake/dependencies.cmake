@@ -11,6 +11,7 @@ pkg_check_modules(NFCT REQUIRED IMPORTED_TARGET libnetfilter_conntrack)
 pkg_check_modules(LIBMNL REQUIRED IMPORTED_TARGET libmnl)
 pkg_check_modules(LIBUUID REQUIRED IMPORTED_TARGET uuid)
 pkg_check_modules(OPENSSL REQUIRED IMPORTED_TARGET openssl)
+find_package(absl REQUIRED)
 pkg_check_modules(LIBDEFLATE REQUIRED IMPORTED_TARGET libdeflate)
 find_path(RAPIDJSON_INCLUDE_DIR rapidjson/rapidjson.h REQUIRED)
 

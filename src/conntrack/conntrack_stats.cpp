@@ -4,9 +4,11 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <exception>
 #include <memory>
 #include <sstream>
+#include <utility>
 
 #include "config/cached_setting.h"
 #include "config/services.h"
@@ -108,6 +110,7 @@ bool ConntrackStats::query_kernel() {
   nfct_filter_dump_set_attr_u8(filter.get(), NFCT_FILTER_DUMP_L3NUM, AF_INET);
   const bool keep_counters = states() != nullptr || first_time;
   nfct_query(table.get(), keep_counters ? NFCT_Q_DUMP_FILTER : NFCT_Q_DUMP_FILTER_RESET, filter.get());
+  parse_batch();
   return true;
 }
 
@@ -157,11 +160,29 @@ bool ConntrackStats::is_counters_zero(const conntrack_counters_t& counters) {
 }
 
 int ConntrackStats::dump_cb(nf_conntrack_msg_type type, nf_conntrack* ct, void* self) {
-  try {
-    return static_cast<ConntrackStats*>(self)->dump_parser(type, ct);
-  } catch (const std::exception& failure) {  // mustn't pass through the library's frames
-    SUP_LOG(logger(), log_level::error) << "dump_cb: " << failure.what();
-    return NFCT_CB_CONTINUE;
+  auto& stats = *static_cast<ConntrackStats*>(self);
+  stats.batch_[stats.batch_count_++] = {type, NfctHandle(ct)};
+  if (stats.batch_count_ == batch_size)
+    stats.parse_batch();
+  return NFCT_CB_STOLEN;
+}
+
+// An exception mustn't pass through the library's frames: it is logged and costs its connection only.
+void ConntrackStats::parse_batch() {
+  const std::size_t count = std::exchange(batch_count_, 0);
+  std::array<nfconntrack_ends_t, batch_size> ends;
+  for (std::size_t i = 0; i < count; ++i)
+    ends[i] = nfconntrack_get_ends(batch_[i].ct.get());
+  const ZOLSessions& sessions = data->sessions;
+  std::for_each_n(ends.begin(), count, [&sessions](const auto& one) { sessions.prefetch(one); });
+  std::for_each_n(ends.begin(), count, [&sessions](const auto& one) { sessions.touch(one); });
+  for (std::size_t i = 0; i < count; ++i) {
+    const Dumped dumped = std::move(batch_[i]);
+    try {
+      dump_parser(dumped.type, dumped.ct.get());
+    } catch (const std::exception& failure) {
+      SUP_LOG(logger(), log_level::error) << "dump_cb: " << failure.what();
+    }
   }
 }
 

@@ -23,6 +23,7 @@
 
 #include "conntrack/conntrack_counters.h"
 #include "conntrack/gxe_counters.h"
+#include "conntrack/nfct_handle.h"
 #include "conntrack/zol_counters.h"
 
 namespace zol_monitor {
@@ -42,8 +43,9 @@ class ConntrackStats {
   ConntrackStats& operator=(const ConntrackStats&) = delete;
 
   void read_conntrack_dump();
-  // libnetfilter_conntrack's callback; `self` is a ConntrackStats*, whose dump_parser gets the connection. An
-  // exception is logged and costs this connection only.
+  // libnetfilter_conntrack's callback; `self` is a ConntrackStats*, which takes the connection over
+  // (NFCT_CB_STOLEN) and whose dump_parser gets it, in the order of the dump, with the next few or at its
+  // end.
   static int dump_cb(nf_conntrack_msg_type type, nf_conntrack* ct, void* self);
   // Takes one connection in; its counters become those since the last reading where these are remembered.
   // Always NFCT_CB_CONTINUE.
@@ -144,9 +146,16 @@ class ConntrackStats {
 
  private:
   struct CountedFlow;
+  struct Dumped {
+    nf_conntrack_msg_type type;
+    NfctHandle ct;
+  };
+  // As many connections as the processor can look up at once: most of a reading is waiting for memory.
+  static constexpr std::size_t batch_size = 16;
   using Network = std::map<std::string, LogicalNetworkCounters>::value_type;
 
   bool query_kernel();
+  void parse_batch();
   void drain_ended_connections();
   void publish_totals() const;
 
@@ -162,6 +171,8 @@ class ConntrackStats {
   bool count_tcp(nf_conntrack* ct, const CountedFlow& flow, Network& network, ConntrackStatesManager* memory);
   void update_session(const nf_conntrack* ct, const CountedFlow& flow);
 
+  std::array<Dumped, batch_size> batch_;
+  std::size_t batch_count_ = 0;
   std::array<Network*, 256> network_by_service_{};  // null until the service is met
 };
 

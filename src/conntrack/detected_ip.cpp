@@ -82,6 +82,35 @@ void sort_for_report(std::list<SessionPtr>& sessions) {
     session = std::move((sorted++)->second);
 }
 
+// The walk is as long as its waiting for memory, so the sessions ahead of it are asked for in time.
+class Ahead {
+ public:
+  explicit Ahead(const std::list<SessionPtr>& sessions) : next_(sessions.begin()), end_(sessions.end()) {
+    for (int i = 0; i < sessions_ahead; ++i)
+      fetch_next();
+  }
+
+  void fetch_next() {
+    if (next_ == end_)
+      return;
+    const SessionInfo& session = **next_++;
+    const void* const parts[] = {&session.client_ip,
+                                 &session.in_info.tcp_info,
+                                 &session.in_info.termination_reason,
+                                 &session.out_info.tcp_info,
+                                 &session.out_info.termination_reason,
+                                 &session.network_id};
+    for (const void* part : parts)
+      __builtin_prefetch(part, 1);
+  }
+
+ private:
+  static constexpr int sessions_ahead = 8;
+
+  std::list<SessionPtr>::const_iterator next_;
+  std::list<SessionPtr>::const_iterator end_;
+};
+
 bool has_ended(const SessionInfo& session) {
   return session.in->termination_reason != STR_NONE &&
          (session.out->address == 0 || session.out->termination_reason != STR_NONE);
@@ -145,7 +174,9 @@ bool ConntrackEvents::get_detected_ip(const std::string& network, bool accepted,
   LegSum out{out_info};
   std::uint32_t client = 0;
   std::uint32_t count = 0;
+  Ahead ahead(detected_sessions);
   for (auto it = detected_sessions.begin(); it != detected_sessions.end();) {
+    ahead.fetch_next();
     SessionInfo& session = **it;
     const bool wanted = session.network_id == network && session.accepted_locally == accepted &&
                         (count == 0 || session.client_ip == client);

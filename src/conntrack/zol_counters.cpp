@@ -49,6 +49,14 @@ bool has_legs(ProtocolIndex p) {
   return p == ProtocolIndex::tcp || zol::Helper::is_middle_mile_network();
 }
 
+std::string text_of(std::uint32_t address) {
+  return address_text(address);
+}
+
+const std::string& text_of(const std::string& text) {
+  return text;
+}
+
 bool has_role(std::uint8_t m, std::uint32_t role) {
   return (m & role) != 0;
 }
@@ -142,12 +150,15 @@ bool EntityCounters::is_zero_traffic() const {
   return true;
 }
 
-EntityCounters& AddressEntries::of(EntityMap& map, std::uint32_t address) {
-  EntityCounters*& entry = entries_[address];
+template <typename Key>
+EntityCounters& EntityEntries<Key>::of(EntityMap& map, const Key& key) {
+  EntityCounters*& entry = entries_[key];
   if (entry == nullptr)
-    entry = &map[address_text(address)];
+    entry = &map[text_of(key)];
   return *entry;
 }
+template class EntityEntries<std::uint32_t>;
+template class EntityEntries<std::string>;
 
 LogicalNetworkCounters::LogicalNetworkCounters() {
   lookup_setting(zol_conf_consts::monitoring_domain_level_traffic_key, domain_level_traffic);
@@ -165,8 +176,8 @@ void LogicalNetworkCounters::add_tcp_counters(std::uint32_t client, std::uint32_
     hop_dir = traffic_dir_t::public_hop;
   }
   total.add_tcp_counters(counters, m, established, active, dir);
-  domain_counters[domain_level_traffic ? domain : unknown_domain].add_tcp_counters(counters, m, established,
-                                                                                   active, dir);
+  domains_.of(domain_counters, domain_level_traffic ? domain : unknown_domain)
+      .add_tcp_counters(counters, m, established, active, dir);
   if (client != 0)
     clients_.of(client_counters, client).add_tcp_counters(counters, m, established, active, hop_dir);
   if (has_role(m, conntrack_mark::out_bit))
@@ -204,6 +215,11 @@ std::uint32_t LogicalNetworkCounters::total_open_connections() const {
   for (const auto& [domain, block] : domain_counters)
     sum += block.tcp_open_connections() + block.udp_open_connections();
   return sum;
+}
+
+void LogicalNetworkCounters::delete_domain_stats(const std::string& domain) {
+  domains_.clear();
+  domain_counters.erase(domain);
 }
 
 bool LogicalNetworkCounters::has_domain_stats(std::string& out) const {

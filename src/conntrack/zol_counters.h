@@ -12,7 +12,8 @@
 #include <cstdint>
 #include <map>
 #include <string>
-#include <unordered_map>
+
+#include <absl/container/flat_hash_map.h>
 
 #include "conntrack/conntrack_counters.h"
 
@@ -71,26 +72,30 @@ class EntityCounters {
   conntrack_counters_t counters[protocol_rows][mark_rows][dir_rows];
 };
 
-// Finds the entry of an address without making its text each time: a dump does it twice a connection. Nothing
-// erases entries of the maps that it is used with.
-class AddressEntries {
+// Finds the entries of a map of texts faster than the map does: a dump looks up to four of them up for each
+// connection. Who erases an entry of the map clears this.
+template <typename Key>
+class EntityEntries {
  public:
   using EntityMap = std::map<std::string, EntityCounters>;
 
-  AddressEntries() = default;
+  EntityEntries() = default;
   // A copy begins anew, since its map is another.
-  AddressEntries(const AddressEntries&) {}
-  AddressEntries& operator=(const AddressEntries&) {
+  EntityEntries(const EntityEntries&) {}
+  EntityEntries& operator=(const EntityEntries&) {
     entries_.clear();
     return *this;
   }
 
-  // The entry of the address, in network order; added when it is missing.
-  EntityCounters& of(EntityMap& map, std::uint32_t address);
+  // The entry of an address, in network order, or of a text; added when it is missing.
+  EntityCounters& of(EntityMap& map, const Key& key);
+  void clear() { entries_.clear(); }
 
  private:
-  std::unordered_map<std::uint32_t, EntityCounters*> entries_;
+  absl::flat_hash_map<Key, EntityCounters*> entries_;
 };
+using AddressEntries = EntityEntries<std::uint32_t>;
+using TextEntries = EntityEntries<std::string>;
 
 // Asking for a domain or a client without traffic makes an empty entry of it, which walks of the maps then
 // show.
@@ -123,7 +128,7 @@ class LogicalNetworkCounters {
   bool has_traffic() const { return !domain_counters.empty(); }
   // The first domain; false, and `out` stays, when there is none.
   bool has_domain_stats(std::string& out) const;
-  void delete_domain_stats(const std::string& domain) { domain_counters.erase(domain); }
+  void delete_domain_stats(const std::string& domain);
   bool is_zero_traffic(const std::string& domain) { return domain_counters[domain].is_zero_traffic(); }
 
   conntrack_counters_t tcp_client2server_counters(traffic_dir_t dir) const;
@@ -157,6 +162,7 @@ class LogicalNetworkCounters {
   bool domain_level_traffic = false;
 
  private:
+  TextEntries domains_;
   AddressEntries clients_;
   AddressEntries next_hops_;
   AddressEntries prv_hops_;

@@ -13,6 +13,7 @@
 // Main thread only. A look-up is a handful of hash probes; report queries walk the maps.
 #pragma once
 
+#include <absl/container/flat_hash_map.h>
 #include <uuid/uuid.h>
 
 #include <cstdint>
@@ -41,7 +42,8 @@ namespace zol_monitor {
 struct nfconntrack_ends_t;
 
 using SessionPtr = std::shared_ptr<SessionInfo>;
-using LegMap = std::unordered_map<std::uint64_t, SessionPtr, LegKeyHash>;
+// A reading of the connection table looks a hundred thousand legs up: keys and pointers lie in one array.
+using LegMap = absl::flat_hash_map<std::uint64_t, SessionPtr, LegKeyHash>;
 using OutLegMap = std::unordered_map<std::uint64_t, LegMap, LegKeyHash>;
 
 // Where a tracked connection stands in the table.
@@ -92,7 +94,12 @@ class ZOLSessions {
   // The session of a tracked connection, whichever way the connection runs.
   SessionPtr get(const nf_conntrack* ct, LegPlace* place = nullptr);
   SessionPtr get(const nfconntrack_ends_t& ends, LegPlace* place);
-  // The same, for who does several of the things below with one connection and looks it up once.
+  // Bring into the cache what find() will read, first of the table, then of the session. For who looks
+  // several connections up: with each step done for all of them, the processor waits for their memory at once
+  // and not for one after the other. touch() tells whether there is a session.
+  void prefetch(const nfconntrack_ends_t& ends) const;
+  bool touch(const nfconntrack_ends_t& ends) const;
+  // The same as get(), for who does several of the things below with one connection and looks it up once.
   FoundLeg find(const nfconntrack_ends_t& ends);
   // The session of an IPC message: by its keys when they point at that uuid, else by the uuid.
   SessionPtr get(std::uint32_t address1, std::uint16_t port1, std::uint32_t address2, std::uint16_t port2,

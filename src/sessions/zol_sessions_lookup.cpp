@@ -17,6 +17,15 @@ void log_look_up(const char* outcome, std::uint64_t key, const LegMap& map) {
       << " map: " << static_cast<const void*>(&map);
 }
 
+// What a reading of the connection table reads and writes of a session.
+bool fetch(const SessionInfo& session) {
+  const void* const parts[] = {&session.client_ip, &session.in_info.termination_reason,
+                               &session.out_info.termination_reason, &session.domain_name};
+  for (const void* part : parts)
+    __builtin_prefetch(part, 1);
+  return true;
+}
+
 // One end of a tracked connection.
 struct Peer {
   std::uint32_t address;
@@ -60,6 +69,30 @@ SessionPtr ZOLSessions::get_outbound(std::uint32_t first_address, std::uint16_t 
 
 SessionPtr ZOLSessions::get(const nf_conntrack* ct, LegPlace* place) {
   return get(nfconntrack_get_ends(ct), place);
+}
+
+void ZOLSessions::prefetch(const nfconntrack_ends_t& ends) const {
+  in_sessions.prefetch(leg_key(ends.src, ends.sport));
+  in_sessions.prefetch(leg_key(ends.dst, ends.dport));
+}
+
+bool ZOLSessions::touch(const nfconntrack_ends_t& ends) const {
+  const std::uint64_t source = leg_key(ends.src, ends.sport);
+  const std::uint64_t target = leg_key(ends.dst, ends.dport);
+  auto found = in_sessions.find(source);
+  if (found == in_sessions.end())
+    found = in_sessions.find(target);
+  if (found != in_sessions.end())
+    return fetch(*found->second);
+  auto outer = out_sessions.find(target);
+  if (outer == out_sessions.end())
+    outer = out_sessions.find(source);
+  if (outer == out_sessions.end())
+    return false;
+  auto inner = outer->second.find(target);
+  if (inner == outer->second.end())
+    inner = outer->second.find(source);
+  return inner != outer->second.end() && fetch(*inner->second);
 }
 
 FoundLeg ZOLSessions::find(const nfconntrack_ends_t& ends) {
