@@ -23,6 +23,7 @@
 #include "config/zol_configurator.h"
 #include "conntrack/conntrack_str.h"
 #include "conntrack/detected_ip.h"
+#include "conntrack/detected_sessions.h"
 #include "conntrack/nfct_handle.h"
 #include "core/zol_libevent.h"
 
@@ -98,7 +99,7 @@ class ConntrackEvents : public zol::IReconfigure {
   // Sessions that were given their network since the periodic report last zeroed these.
   std::uint32_t new_tcp_connections = 0;
   std::uint32_t new_udp_connections = 0;
-  std::list<std::shared_ptr<SessionInfo>> detected_sessions;  // the snapshot
+  DetectedSessions detected_sessions;  // the snapshot of a traffic report
   MonitorData* data;
   MonitorContext* context;
   bool reconfigured = false;  // a reload has been seen

@@ -18,9 +18,8 @@ void log_look_up(const char* outcome, std::uint64_t key, const LegMap& map) {
 }
 
 // What a reading of the connection table reads and writes of a session.
-bool fetch(const SessionInfo& session) {
-  const void* const parts[] = {&session.client_ip, &session.in_info.termination_reason,
-                               &session.out_info.termination_reason, &session.domain_name};
+bool fetch(const SessionInfo& session, const SessionEndpointInfo& leg) {
+  const void* const parts[] = {&session.client_ip, &leg.termination_reason, &session.domain_name};
   for (const void* part : parts)
     __builtin_prefetch(part, 1);
   return true;
@@ -83,7 +82,7 @@ bool ZOLSessions::touch(const nfconntrack_ends_t& ends) const {
   if (found == in_sessions.end())
     found = in_sessions.find(target);
   if (found != in_sessions.end())
-    return fetch(*found->second);
+    return fetch(*found->second, found->second->in_info);
   auto outer = out_sessions.find(target);
   if (outer == out_sessions.end())
     outer = out_sessions.find(source);
@@ -92,7 +91,7 @@ bool ZOLSessions::touch(const nfconntrack_ends_t& ends) const {
   auto inner = outer->second.find(target);
   if (inner == outer->second.end())
     inner = outer->second.find(source);
-  return inner != outer->second.end() && fetch(*inner->second);
+  return inner != outer->second.end() && fetch(*inner->second, inner->second->out_info);
 }
 
 FoundLeg ZOLSessions::find(const nfconntrack_ends_t& ends) {

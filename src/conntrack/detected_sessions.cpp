@@ -1,0 +1,40 @@
+#include "conntrack/detected_sessions.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace zol_monitor {
+
+void DetectedSessions::assign(std::list<Session> sessions, bool accepted_only) {
+  clear();
+  for (Session& session : sessions) {
+    if (accepted_only && !session->accepted_locally)
+      continue;
+    Group& group = groups_[session->accepted_locally][session->network_id];
+    const std::uint32_t client = session->client_ip;
+    group.entries.push_back({client, std::move(session)});
+    ++left_;
+  }
+  for (auto& groups : groups_)
+    for (auto& [network, group] : groups)
+      std::sort(group.entries.begin(), group.entries.end(),
+                [](const Entry& one, const Entry& other) { return one.client < other.client; });
+}
+
+void DetectedSessions::clear() {
+  for (auto& groups : groups_)
+    groups.clear();
+  left_ = 0;
+}
+
+void DetectedSessions::prefetch(const Group& group, std::size_t index) {
+  if (index >= group.entries.size())
+    return;
+  const SessionInfo& session = *group.entries[index].session;
+  const void* const parts[] = {&session.in, &session.in_info.termination_reason, &session.out,
+                               &session.out_info.termination_reason, &session.state};
+  for (const void* part : parts)
+    __builtin_prefetch(part, 1);
+}
+
+}  // namespace zol_monitor
