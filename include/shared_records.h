@@ -38,12 +38,12 @@ struct ZolStatusData {
   double cpu_usage;                                //    0: percent
   double max_fd_ratio;                             //    8: 0 to 1
   double ram_usage;                                //   16: percent
-  std::uint64_t reserved_24;                       //   24
+  std::uint64_t failure_count;                     //   24: failures since fail-open began or ended
   std::uint8_t failopen_suspended;                 //   32
   std::uint8_t failopen_active;                    //   33
   std::uint8_t black_hole_active;                  //   34
   std::uint8_t reserved_35;                        //   35
-  std::uint32_t suspension_time;                   //   36
+  std::uint32_t suspension_time;                   //   36: seconds, 0 until it is resumed
   std::uint32_t syn_flood_drop;                    //   40
   std::uint32_t icmp_flood_drop;                   //   44
   std::uint32_t last_active_sessions;              //   48
@@ -53,7 +53,7 @@ struct ZolStatusData {
   hop_table_t next_hop_open;                       //  460
   std::int32_t next_hop_open_count;                //  860
   std::array<std::int64_t, 2> suspension_start;    //  864: a timespec of CLOCK_BOOTTIME
-  std::int64_t failopen_start;                     //  880: when fail-open began
+  std::int64_t failopen_start;                     //  880: when fail-open began, seconds of CLOCK_BOOTTIME
   std::int64_t last_successful_report;             //  888: time_t
   std::uint64_t resolution_failures_period;        //  896
   std::uint64_t peer_timeouts_period;              //  904
@@ -92,6 +92,7 @@ constexpr bool behind_header(std::size_t offset_in_record, std::size_t offset) {
 ZOL_STATUS_AT(cpu_usage, 0);
 ZOL_STATUS_AT(max_fd_ratio, 8);
 ZOL_STATUS_AT(ram_usage, 16);
+ZOL_STATUS_AT(failure_count, 24);
 ZOL_STATUS_AT(failopen_suspended, 32);
 ZOL_STATUS_AT(failopen_active, 33);
 ZOL_STATUS_AT(black_hole_active, 34);

@@ -51,7 +51,7 @@ class IReconfigure : public virtual IDispatch {
   // run.
   virtual bool need_reconf(bool& enabled) = 0;
   // Starts, stops or reloads the service behind the listener: a WDExecutor is started and stopped, an
-  // IFailopen joins and leaves the fail-open registry, and a service that goes on running is sent
+  // IFailopen joins and leaves zol_failure(), and a service that goes on running is sent
   // reload_conf(). Throws std::runtime_error when a start fails.
   virtual void reload(bool enable);
   // A boolean setting. A missing key throws std::runtime_error.

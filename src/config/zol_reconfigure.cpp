@@ -3,7 +3,7 @@
 #include "config/zol_configurator.h"
 #include "core/ipc_messages.h"
 #include "exec/wd_executor.h"
-#include "failure/zol_failopen.h"
+#include "failure/zol_failure.h"
 #include "sup_logger.h"
 
 namespace zol {
@@ -54,13 +54,13 @@ void IReconfigure::start_service() {
     SUP_LOG(logger(), log_level::fatal) << text;
     throw std::runtime_error(text);
   }
-  if (auto* failopen = dynamic_cast<IFailopen*>(this); failopen != nullptr && failopen_registry != nullptr)
-    failopen_registry->add(failopen);
+  if (auto* failopen = dynamic_cast<IFailopen*>(this); failopen != nullptr)
+    zol_failure().add(failopen);
 }
 
 void IReconfigure::stop_service() {
-  if (auto* failopen = dynamic_cast<IFailopen*>(this); failopen != nullptr && failopen_registry != nullptr)
-    failopen_registry->remove(failopen);
+  if (auto* failopen = dynamic_cast<IFailopen*>(this); failopen != nullptr)
+    zol_failure().remove(failopen);
   if (auto* executor = dynamic_cast<WDExecutor*>(this); executor != nullptr)
     executor->stop();
 }

@@ -1,5 +1,7 @@
-// Fail-open: who hears that the node enters or leaves it, and where listeners are kept.
+// Who hears from the failure handling (zol_failure.h): of fail-open, and of black holes.
 #pragma once
+
+#include <string>
 
 namespace zol {
 
@@ -10,15 +12,17 @@ class IFailopen {
   virtual void failopen_notification(bool active) = 0;
 };
 
-// The fail-open controller, as far as the reload needs it: it keeps the listeners, and owns none.
-class IFailopenRegistry {
- public:
-  virtual ~IFailopenRegistry() = default;
-  virtual void add(IFailopen* listener) = 0;
-  virtual void remove(IFailopen* listener) = 0;
+// A target that takes packets and answers none.
+struct BHInfo {
+  std::string target;
+  bool handled = false;  // its service's ports are being closed, nobody else has to act
 };
 
-// The process's controller; null in a process without one, and then nobody is kept. Not owned.
-inline IFailopenRegistry* failopen_registry = nullptr;
+// Told of each black hole.
+class IBlackHoleNotify {
+ public:
+  virtual ~IBlackHoleNotify() = default;
+  virtual void bh_notification(BHInfo info) = 0;
+};
 
 }  // namespace zol

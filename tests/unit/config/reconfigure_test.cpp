@@ -1,13 +1,14 @@
 // What the base class of the listeners does by itself.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "config/zol_configurator.h"
 #include "exec/wd_executor.h"
-#include "failure/zol_failopen.h"
+#include "failure/zol_failure.h"
 #include "sup_logger.h"
 #include "tests/support/config_fixture.h"
 #include "tests/support/log_capture.h"
@@ -24,16 +25,23 @@ class Plain : public zol::IReconfigure {
   void reload_conf() override { calls.push_back("reload_conf"); }
 };
 
+// Whether the failure handling tells it of fail-open.
+bool is_listed(zol::IReconfigure& listener) {
+  const auto* failopen = dynamic_cast<zol::IFailopen*>(&listener);
+  const auto& all = zol::zol_failure().failopen_listeners;
+  return failopen != nullptr && std::find(all.begin(), all.end(), failopen) != all.end();
+}
+
 class WithExecutor : public virtual Plain, public zol::WDExecutor {
  public:
   WithExecutor() : zol::WDExecutor("zol") {}
   bool start() override {
-    calls.push_back("start");
+    calls.push_back(is_listed(*this) ? "start while listed" : "start");
     return starts;
   }
   std::string get_pname() override { return "zol_ha_agent"; }
   bool stop() override {
-    calls.push_back("stop");
+    calls.push_back(is_listed(*this) ? "stop while listed" : "stop");
     return true;
   }
   bool starts = true;
@@ -41,38 +49,34 @@ class WithExecutor : public virtual Plain, public zol::WDExecutor {
 
 class WithFailopen : public virtual Plain, public zol::IFailopen {
  public:
+  ~WithFailopen() override { zol::zol_failure().remove(this); }
   void failopen_notification(bool) override {}
 };
 
 class WithBoth : public WithExecutor, public WithFailopen {};
 
-class Registry : public zol::IFailopenRegistry {
- public:
-  Registry() { zol::failopen_registry = this; }
-  ~Registry() override { zol::failopen_registry = nullptr; }
-  void add(zol::IFailopen* listener) override {
-    calls.push_back("add");
-    last = listener;
+class Reconfigure : public testing::Test {
+ protected:
+  template <typename Listener>
+  static Calls reload_calls(bool is_running, bool enable) {
+    Listener listener;
+    listener.is_running = is_running;
+    if (auto* failopen = dynamic_cast<zol::IFailopen*>(static_cast<Plain*>(&listener));
+        failopen != nullptr && is_running)
+      zol::zol_failure().add(failopen);
+    calls.clear();
+    listener.reload(enable);
+    EXPECT_EQ(listener.is_running, enable);
+    if (is_listed(listener))
+      calls.push_back("listed");
+    return calls;
   }
-  void remove(zol::IFailopen* listener) override {
-    calls.push_back("remove");
-    last = listener;
-  }
-  zol::IFailopen* last = nullptr;
+
+  zol_test::ScopedConfig config_{"Group: { on = true; off = false; };"};
 };
 
-template <typename Listener>
-Calls reload_calls(bool is_running, bool enable) {
-  Listener listener;
-  listener.is_running = is_running;
-  calls.clear();
-  listener.reload(enable);
-  EXPECT_EQ(listener.is_running, enable);
-  return calls;
-}
-
 // Verifies the defaults of a listener.
-TEST(Reconfigure, Defaults) {
+TEST_F(Reconfigure, Defaults) {
   Plain listener;
   EXPECT_FALSE(listener.is_running);
   EXPECT_TRUE(listener.service_name.empty());
@@ -85,54 +89,35 @@ TEST(Reconfigure, Defaults) {
 }
 
 // Verifies that a service that runs and goes on running is told to re-read its configuration, and no more.
-TEST(Reconfigure, RunningStaysRunning) {
-  Registry registry;
+TEST_F(Reconfigure, RunningStaysRunning) {
   EXPECT_EQ(reload_calls<Plain>(true, true), Calls{"reload_conf"});
-  EXPECT_EQ(reload_calls<WithBoth>(true, true), Calls{"reload_conf"});
+  EXPECT_EQ(reload_calls<WithBoth>(true, true), (Calls{"reload_conf", "listed"}));
 }
 
-// Verifies that a service that is switched off leaves the fail-open registry and is stopped, in this order.
-TEST(Reconfigure, RunningStops) {
-  Registry registry;
+// Verifies that a service that is switched off leaves the failure handling and is stopped, in this order.
+TEST_F(Reconfigure, RunningStops) {
   EXPECT_EQ(reload_calls<Plain>(true, false), Calls{});
   EXPECT_EQ(reload_calls<WithExecutor>(true, false), Calls{"stop"});
-  EXPECT_EQ(reload_calls<WithFailopen>(true, false), Calls{"remove"});
-  EXPECT_EQ(reload_calls<WithBoth>(true, false), (Calls{"remove", "stop"}));
+  EXPECT_EQ(reload_calls<WithFailopen>(true, false), Calls{});
+  EXPECT_EQ(reload_calls<WithBoth>(true, false), Calls{"stop"});
 }
 
-// Verifies that a service that is switched on is started and joins the fail-open registry, in this order.
-TEST(Reconfigure, StoppedStarts) {
-  Registry registry;
+// Verifies that a service that is switched on is started and joins the failure handling, in this order.
+TEST_F(Reconfigure, StoppedStarts) {
   EXPECT_EQ(reload_calls<Plain>(false, true), Calls{});
   EXPECT_EQ(reload_calls<WithExecutor>(false, true), Calls{"start"});
-  EXPECT_EQ(reload_calls<WithFailopen>(false, true), Calls{"add"});
-  EXPECT_EQ(reload_calls<WithBoth>(false, true), (Calls{"start", "add"}));
+  EXPECT_EQ(reload_calls<WithFailopen>(false, true), Calls{"listed"});
+  EXPECT_EQ(reload_calls<WithBoth>(false, true), (Calls{"start", "listed"}));
 }
 
 // Verifies that nothing happens to a service that is off and stays off.
-TEST(Reconfigure, StoppedStaysStopped) {
-  Registry registry;
+TEST_F(Reconfigure, StoppedStaysStopped) {
   EXPECT_EQ(reload_calls<WithBoth>(false, false), Calls{});
-}
-
-// Verifies that the registry is handed the listener itself.
-TEST(Reconfigure, RegistryGetsTheListener) {
-  Registry registry;
-  WithBoth listener;
-  listener.reload(true);
-  EXPECT_EQ(registry.last, static_cast<zol::IFailopen*>(&listener));
-}
-
-// Verifies that a process without a fail-open controller reloads all the same.
-TEST(Reconfigure, NoRegistry) {
-  EXPECT_EQ(reload_calls<WithBoth>(false, true), Calls{"start"});
-  EXPECT_EQ(reload_calls<WithBoth>(true, false), Calls{"stop"});
 }
 
 // Verifies that a failing start is logged at fatal level and thrown in the same words, and that the service
 // doesn't count as running.
-TEST(Reconfigure, FailingStart) {
-  Registry registry;
+TEST_F(Reconfigure, FailingStart) {
   WithBoth listener;
   listener.starts = false;
   calls.clear();
@@ -146,11 +131,11 @@ TEST(Reconfigure, FailingStart) {
   EXPECT_TRUE(log.contains(log_level::fatal, "Couldn't run the process: zol_ha_agent")) << log.all();
   EXPECT_FALSE(listener.is_running);
   EXPECT_EQ(calls, Calls{"start"});
+  EXPECT_FALSE(is_listed(listener));
 }
 
 // Verifies that bool_get reads the tree, and throws with the key's name when it is missing.
-TEST(Reconfigure, BoolGet) {
-  zol_test::ScopedConfig config("Group: { on = true; off = false; };");
+TEST_F(Reconfigure, BoolGet) {
   Plain listener;
   EXPECT_TRUE(listener.bool_get("Group.on"));
   EXPECT_FALSE(listener.bool_get("Group.off"));
@@ -163,7 +148,7 @@ TEST(Reconfigure, BoolGet) {
 }
 
 // Verifies that the timer's callback reconfigures and then runs the second step.
-TEST(Reconfigure, TimerCallback) {
+TEST_F(Reconfigure, TimerCallback) {
   class WithPost : public Plain {
    public:
     void post_reconfigure() override { calls.push_back("post"); }
@@ -177,7 +162,7 @@ TEST(Reconfigure, TimerCallback) {
 }
 
 // Verifies that the default reload_conf, which has no endpoint here, reaches nobody and harms nothing.
-TEST(Reconfigure, DefaultReloadConf) {
+TEST_F(Reconfigure, DefaultReloadConf) {
   class Bare : public zol::IReconfigure {
    public:
     void reconfigure() override {}
