@@ -99,7 +99,7 @@ void add_connection(zol::SiteService& site, int number) {
   site.entries.push_back(std::move(conn));
 }
 
-// 1,000 sites with two connections each, and 20 subnets of 9 lengths from 16 to 30 in 10.0.0.0/8; as many
+// 1,000 sites with two connections each, and 20 subnets of 9 lengths from 20 to 30 in 10.0.0.0/8; as many
 // learned ones of 5 lengths in 172.16.0.0/12.
 Table& wide_table() {
   static Table* const table = [] {
@@ -112,7 +112,7 @@ Table& wide_table() {
       add_connection(*site, 2 * s);
       add_connection(*site, 2 * s + 1);
       for (int i = 0; i < subnets_of_site; ++i) {
-        const int length = std::vector{16, 20, 22, 24, 24, 24, 25, 26, 27, 28, 30}[random() % 11];
+        const int length = std::vector{21, 20, 22, 24, 24, 24, 25, 26, 27, 28, 30}[random() % 11];
         site->subnets.insert(zol::Subnet(htonl(0x0a000000u | (random() & 0xffffffu)), length));
       }
     }

@@ -7,13 +7,19 @@ namespace zol_monitor {
 
 void DetectedSessions::assign(std::list<Session> sessions, bool accepted_only) {
   clear();
-  for (Session& session : sessions) {
-    if (accepted_only && !session->accepted_locally)
-      continue;
+  pending_ = std::move(sessions);
+  if (accepted_only)
+    pending_.remove_if([](const Session& session) { return !session->accepted_locally; });
+  left_ = pending_.size();
+}
+
+void DetectedSessions::group_pending() {
+  if (pending_.empty())
+    return;
+  for (Session& session : std::exchange(pending_, {})) {
     Group& group = groups_[session->accepted_locally][session->network_id];
     const std::uint32_t client = session->client_ip;
     group.entries.push_back({client, std::move(session)});
-    ++left_;
   }
   for (auto& groups : groups_)
     for (auto& [network, group] : groups)
@@ -22,6 +28,7 @@ void DetectedSessions::assign(std::list<Session> sessions, bool accepted_only) {
 }
 
 void DetectedSessions::clear() {
+  pending_.clear();
   for (auto& groups : groups_)
     groups.clear();
   left_ = 0;

@@ -14,8 +14,10 @@
 
 namespace zol_monitor {
 
-// Holds references, so it must be empty again before anybody asks for the use count of a session. Main thread
-// only. A client's sessions are found without looking at any other session.
+// A session's network, role and client count as they are when the first client is asked for: the reading of
+// the connection table in between may still find them out. Holds references, so it must be empty again before
+// anybody asks for the use count of a session. Main thread only. A client's sessions are found without
+// looking at any other session.
 class DetectedSessions {
  public:
   using Session = std::shared_ptr<SessionInfo>;
@@ -48,13 +50,16 @@ class DetectedSessions {
   // The walk is as long as its waiting for memory, so what it will read is asked for in time.
   static constexpr std::size_t sessions_ahead = 8;
   static void prefetch(const Group& group, std::size_t index);
+  void group_pending();
 
+  std::list<Session> pending_;              // not grouped yet
   std::map<std::string, Group> groups_[2];  // by network; of sessions accepted elsewhere, and here
   size_type left_ = 0;
 };
 
 template <typename Accept, typename Visit>
 bool DetectedSessions::take_client(const std::string& network, bool accepted, Accept accept, Visit visit) {
+  group_pending();
   const auto found = groups_[accepted].find(network);
   if (found == groups_[accepted].end())
     return false;

@@ -2,7 +2,6 @@
 
 #include <ctime>
 
-#include "config/zol_configurator.h"
 #include "sites/zol_vpn_sites.h"
 #include "sup_logger.h"
 #include "zol_helper.h"
@@ -14,16 +13,6 @@ namespace {
 SupLogger& logger() {
   static SupLogger& instance = SupLogger::get_instance("DirectStatusParser");
   return instance;
-}
-
-// The list of the site table; made here when nobody has asked for it yet.
-const ZOLVPNSites& configured_sites() {
-  ZOLVPNSites*& sites = (*ZOLVPNSitesConf::instance())[""];
-  if (sites == nullptr) {
-    sites = new ZOLVPNSites;
-    sites->configure(*TheConfigurator::get_configuration());
-  }
-  return *sites;
 }
 
 }  // namespace
@@ -38,7 +27,7 @@ std::string DirectStatusParser::vpn_status_command() {
 }
 
 void DirectStatusParser::build_site_mapping() {
-  for (const ZOLVPNSiteConf* site : configured_sites().site_confs) {
+  for (const ZOLVPNSiteConf* site : ZOLVPNSitesConf::site_table().site_confs) {
     if (site->protocol != "lan" || !site->accept_connections)
       continue;
     for (const zol::SiteEntry& entry : site->entries) {

@@ -33,15 +33,6 @@ SupLogger& logger() {
   return l;
 }
 
-const ZOLVPNSites& configured_sites() {
-  ZOLVPNSites*& sites = (*ZOLVPNSitesConf::instance())[""];
-  if (sites == nullptr) {
-    sites = new ZOLVPNSites;
-    sites->configure(*TheConfigurator::get_configuration());
-  }
-  return *sites;
-}
-
 std::set<Subnet> subnets_of(const ZOLVPNSiteConf& conf) {
   std::set<Subnet> subnets;
   for (const std::string& text : conf.subnets) {
@@ -153,7 +144,7 @@ void SiteServicesBase::read_conf() {
     return;
   SUP_LOG(logger(), log_level::info) << "read_conf"
                                      << ": Reading configuration";
-  const ZOLVPNSites& configured = configured_sites();
+  const ZOLVPNSites& configured = ZOLVPNSitesConf::site_table();
   if (!ZOLVPNSites::icmp_local_addresses.empty())
     local_ips.insert(ZOLVPNSites::icmp_local_addresses.front());
   routing_id = 0;

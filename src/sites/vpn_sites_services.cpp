@@ -111,6 +111,8 @@ SiteConnRecord SiteServicesBase::get_site_record(const std::string& ip) {
   if (configured != nullptr && configured->site) {
     fetch(configured->site.get());
     fetch(configured->conn.get());
+    __builtin_prefetch(configured->site->name.data());
+    __builtin_prefetch(configured->site->metadata.data());
     // Only a host's entry needn't be a subnet of its site.
     const bool in_subnets = configured->subnet.prefix < host_length;
     const std::shared_ptr<VPNConnInfo> conn =

@@ -128,6 +128,15 @@ ZOLVPNSitesConf& ZOLVPNSitesConf::ref() {
   return *the_sites_conf;
 }
 
+const ZOLVPNSites& ZOLVPNSitesConf::site_table() {
+  ZOLVPNSites*& sites = (*instance())[""];
+  if (sites == nullptr) {
+    sites = new ZOLVPNSites;
+    sites->configure(*TheConfigurator::get_configuration());
+  }
+  return *sites;
+}
+
 ZOLVPNSitesConf::ZOLVPNSitesConf() {
   SUP_LOG(logger(), log_level::info) << "VPN site conf created";
   if (zol_utils::DualZOLHelper::instance()->is_dual_installation())

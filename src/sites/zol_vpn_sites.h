@@ -148,6 +148,8 @@ class ZOLVPNSitesConf : public std::map<std::string, ZOLVPNSites*>, public IReco
   static ZOLVPNSitesConf* instance();
   // The same; std::runtime_error, logged as fatal, before the first instance().
   static ZOLVPNSitesConf& ref();
+  // The list of the site table, under the empty name; made and read when nobody has yet.
+  static const ZOLVPNSites& site_table();
 
   // Hears of reloads only when it is made on a dual installation (DualZOLHelper).
   ZOLVPNSitesConf();

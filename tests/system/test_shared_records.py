@@ -20,7 +20,8 @@ REPORT, MAX_REPORT, TERMINATOR = HEADER, 12288, 12336
 BLOCK_SIZE = 4096
 TYPES = {"status": "13ZolStatusData", "report": "13ZolReportData", "services": "19ZolHistoricServices"}
 ALL_TYPES = {**TYPES, "states": "15ConntrackStates", "aggregated": "15AggregatedStats",
-             "vrrp": "13vrrp_status_t"}
+             "vrrp": "13vrrp_status_t", "tunnels": "19vpn_tunnel_states_t", "meds": "20tunnel_med_results_t",
+             "latencies": "27tunnel_monitoring_results_t"}
 OPEN_FAILED = "FATAL: Failed to open SharedObject shm"
 UUID = "00112233445566778899aabbccddeeff"
 

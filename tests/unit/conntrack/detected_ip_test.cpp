@@ -85,6 +85,19 @@ TEST_F(DetectedIPTest, OtherNetworkAndAcceptance) {
   EXPECT_FALSE(next("net-b", false));
 }
 
+// Verifies that a session whose network, role and client are found out after the snapshot counts as what it
+// is when the report asks.
+TEST_F(DetectedIPTest, FoundOutAfterTheSnapshot) {
+  const SessionPtr late = session(1, client_peer, "", false);
+  events_.get_detected_ip_start();
+  late->network_id = "net-a";
+  late->accepted_locally = true;
+  EXPECT_FALSE(next("", false));
+  ASSERT_TRUE(next());
+  EXPECT_EQ(ip_, client_peer.address);
+  EXPECT_EQ(new_count_, 1u);
+}
+
 // Verifies that a session counts as new in its first report only.
 TEST_F(DetectedIPTest, NewOnce) {
   const SessionPtr made = session(1);
