@@ -41,6 +41,17 @@ const libconfig::Config& settings() {
   return zol::TheConfigurator::get_configuration()->config;
 }
 
+// A count whose source was garbled doesn't stop the report.
+template <typename Read>
+unsigned long count_or_zero(const char* what, Read read) {
+  try {
+    return read();
+  } catch (const std::logic_error& failure) {
+    SUP_LOG(logger(), log_level::error) << "serialize: no " << what << ": " << failure.what();
+    return 0;
+  }
+}
+
 Variant new_sessions_report(const ConntrackEvents& conntrack) {
   Variant report = Variant::make_map();
   report.Assign("traffic", conntrack.new_tcp_connections + conntrack.new_udp_connections);
@@ -96,15 +107,9 @@ void ZolInfo::serialize(Variant& report) {
   aggreagate_stats();
 }
 
-// A file that the kernel garbled doesn't stop the report.
 unsigned long ZolInfo::netlink_drops_or_zero() {
-  try {
-    return get_netlink_drop_counter();
-  } catch (const std::logic_error& failure) {
-    SUP_LOG(logger(), log_level::error)
-        << "serialize: no netlink drops, a line without a port id: " << failure.what();
-    return 0;
-  }
+  return count_or_zero("netlink drops, a line without a port id",
+                       [this] { return get_netlink_drop_counter(); });
 }
 
 void ZolInfo::add_load(Variant& report) const {
@@ -115,9 +120,9 @@ void ZolInfo::add_load(Variant& report) const {
 
 void ZolInfo::add_flood_drops(Variant& report, int syn_flood_limit, unsigned long netlink_drops) const {
   if (syn_flood_limit > 0)
-    report.Assign("syn-flood-drop", get_syn_flood_drop());
+    report.Assign("syn-flood-drop", count_or_zero("SYN flood drops", get_syn_flood_drop));
   report.Assign("netlink-drop-counters", netlink_drops);
-  report.Assign("icmp-flood-drop", get_icmp_flood_drop());
+  report.Assign("icmp-flood-drop", count_or_zero("ICMP flood drops", get_icmp_flood_drop));
 }
 
 void ZolInfo::add_sessions(Variant& report) {

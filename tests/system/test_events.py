@@ -1,5 +1,7 @@
 """Events: from the record of another process to the post, how they merge, wait and jump, and how they end."""
+import collections
 import socket
+import time
 
 import pytest
 
@@ -31,8 +33,10 @@ def suppress(node, milliseconds):
     node.wait_log("parse_msg: reloadconf requested by:", handled + 1)
 
 
-def start(make_node, suppression, **settings):
+def start(make_node, suppression, log=None, **settings):
     node = make_node(settings={"Monitoring.session_report_resolution_ms": 0, **settings})
+    if log is not None:
+        node.write_file("log.properties", log)
     conf.put(node.tree, SUPPRESSION, suppression)  # in the tree, since a setting of the node's can't be changed
     node.write_conf()
     node.start_receiver()
@@ -139,6 +143,46 @@ def test_second_event_during_a_post(make_node):
     send(node, FAILURE, failure([80]))
     node.wait_log("invoke: Event already exists. Updating.")
     node.control(clear=True)
+
+
+STORM = 10_000
+STORM_SENDER = """\
+import os, socket, struct, sys, time
+own = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+own.connect(sys.argv[1])
+header = struct.pack("<H25si25s", 7, b"wanproxy", os.getpid(), b"zol_monitor")
+begin, count = time.monotonic(), int(sys.argv[2])
+for n in range(count):
+    own.send(header + bytes((192, 0, 2, n % 50)) + struct.pack("<HHBI", 1000 + n % 3, 2000, 2, 0))
+    if n % 100 == 99:
+        time.sleep(max(0, begin + n / count - time.monotonic()))
+"""
+
+
+def test_storm_of_failures(make_node):
+    """Verifies that 10,000 failures in a second make a post each second that hold all of them, and the beat goes on."""
+    node = start(make_node, 1000, log=conf.LOG_PROPERTIES.replace("DEBUG", "INFO"))
+    came = []
+    node.watchdog.watchers.append(lambda line: came.append(time.monotonic()) if '"beat"' in line else None)
+    began = time.monotonic()
+    node.run("python3", "-c", STORM_SENDER, f"/run/zol/{node.node_id}/zol_monitor", STORM)
+    expected = collections.Counter()
+    for n in range(STORM):
+        expected.update({(f"192.0.2.{n % 50}", 1000 + n % 3): 1, (f"192.0.2.{n % 50}", 2000): 1})
+
+    def told():
+        sums = collections.Counter()
+        for event in events(node, "ZOL_FAILURE"):
+            sums.update({(entry["ip"], entry["port"]): entry["failures"]
+                         for entry in event["eventBody"]["zol_failures"]})
+        return sums
+
+    run_and_expect(told, expected)
+    assert len(events(node)) <= 2 + (time.monotonic() - began)  # seconds, a post each
+    run_and_expect(lambda: len(came), lambda count: count >= 3)
+    assert attempts(node) == len(events(node))
+    assert max(later - earlier for earlier, later in zip([began, *came], came)) < 4  # one a second is usual
+    assert not node.watchdog.select("beats-missed")
 
 
 @pytest.mark.parametrize("status", [500, 404])

@@ -1,5 +1,5 @@
-// The clock of the event queue in a test's hand: the test program is linked so that Helper::get_clock goes
-// through here (-Wl,--wrap).
+// The clock in a test's hand: the test program is linked so that Helper::get_clock goes through here
+// (-Wl,--wrap).
 #pragma once
 
 #include <time.h>

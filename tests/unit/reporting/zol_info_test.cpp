@@ -246,6 +246,19 @@ TEST_F(ZolInfoTest, flood_chains_missing) {
   EXPECT_TRUE(log_->contains(log_level::error, "Failed to retrieve iptables ICMP counters"));
 }
 
+TEST_F(ZolInfoTest, garbled_flood_counters) {
+  // Verifies that counters that are no numbers count 0, with an error line each, and the report is made.
+  configure("IPTables: { syn_flood_limit = 1; };");
+  set_flood_counters("pkts\\n", "99999999999999999999999\\n");
+  set_new_connections(3);
+  const Variant report = info_.generate_zol_info_report();
+  EXPECT_EQ(report.At("syn-flood-drop").AsUnsigned(), 0U);
+  EXPECT_EQ(report.At("icmp-flood-drop").AsUnsigned(), 0U);
+  EXPECT_EQ(report.At("new-sessions").At("tcp").AsUnsigned(), 3U);
+  EXPECT_TRUE(log_->contains(log_level::error, "serialize: no SYN flood drops: stoul"));
+  EXPECT_TRUE(log_->contains(log_level::error, "serialize: no ICMP flood drops: stoul"));
+}
+
 // --- the state
 
 TEST_F(ZolInfoTest, state) {

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <sstream>
 #include <stdexcept>
 
 #include "lib/libzolutils/helper_internal.h"
@@ -123,6 +124,23 @@ TEST_F(MachineCpuInfoTest, negative_usage) {
   EXPECT_EQ(status.cpu_usage, info.usage);
   EXPECT_TRUE(log_.contains(log_level::error, "Negative total machine CPU usage: = -"));
   EXPECT_TRUE(log_.contains("Timestamp difference = 1e+06 CPU idle time difference = 2000000")) << log_.all();
+}
+
+TEST_F(MachineCpuInfoTest, whole_ticks) {
+  // Verifies that the time that has gone by counts in whole ticks.
+  FakeProc proc;
+  proc.write("stat", "cpu  1 2 3 200000 5 6 7 8 9 10\n");
+  MachineCpuInfo info(false);
+  set_last_reading(100.25, 0);
+  EXPECT_TRUE(info.read_cpu());
+  const std::string log = log_.all();
+  const std::size_t place = log.find("Timestamp difference = ");
+  ASSERT_NE(place, std::string::npos) << log;
+  std::istringstream words(log.substr(place));
+  std::string number;
+  words >> number >> number >> number >> number;
+  EXPECT_GE(std::stol(number), 100) << log;
+  EXPECT_EQ(number.find_first_not_of("0123456789"), std::string::npos) << number;
 }
 
 TEST_F(MachineCpuInfoTest, clock_set_back) {

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <chrono>
 #include <stdexcept>
 #include <thread>
@@ -10,9 +11,17 @@
 #include "stats_fixture.h"
 #include "sup_logger.h"
 #include "tests/support/config_fixture.h"
+#include "tests/unit/reporting/event_clock.h"
 #include "zol_helper.h"
 
 namespace {
+
+bool is_mutex_refused = false;
+
+extern "C" int __real_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
+extern "C" int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
+  return is_mutex_refused ? EAGAIN : __real_pthread_mutex_init(mutex, attributes);
+}
 
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -200,6 +209,36 @@ TEST_F(CPUStatSamplerTest, clock_skew) {
   EXPECT_GE(sampler.samples.back().clock_skew_ms, 2500);
 }
 
+TEST_F(CPUStatSamplerTest, exact_skews) {
+  // Verifies that a second between samples is no skew, that each millisecond beyond it is, and that a report
+  // has the sum of them.
+  zol_test::EventClock clock;
+  IdleSampler sampler;
+  unsigned long long total = 0;
+  for (const int between_ms : {0, 1000, 1001, 999, 3500, 1, 61000}) {
+    clock.advance_ms(between_ms);
+    sampler.add_stats(0, total += 100);
+    EXPECT_EQ(sampler.samples.back().clock_skew_ms, between_ms > 1000 ? between_ms - 1000 : 0) << between_ms;
+  }
+  EXPECT_EQ(log_.count("get_clock_skew: Clock skew detected: "), 3);
+  EXPECT_TRUE(log_.contains(log_level::warning, "get_clock_skew: Clock skew detected: 1 msec"));
+  EXPECT_TRUE(log_.contains(log_level::warning, "get_clock_skew: Clock skew detected: 2500 msec"));
+  EXPECT_EQ(Stats(sampler).skew, 1 + 2500 + 60000);
+}
+
+TEST_F(CPUStatSamplerTest, no_clock) {
+  // Verifies that a clock that can't be read is no skew, and that the time until the next reading counts.
+  zol_test::EventClock clock;
+  IdleSampler sampler;
+  sampler.get_clock_skew();
+  clock.advance_ms(2000);
+  clock.is_broken = true;
+  EXPECT_EQ(sampler.get_clock_skew(), 0);
+  clock.is_broken = false;
+  clock.advance_ms(1000);
+  EXPECT_EQ(sampler.get_clock_skew(), 2000);
+}
+
 // --- what is told of the samples ---
 
 TEST_F(CPUStatSamplerTest, variance) {
@@ -237,6 +276,15 @@ TEST_F(CPUStatSamplerTest, stats) {
 }
 
 // --- the mutex ---
+
+TEST_F(CPUStatSamplerTest, no_mutex) {
+  // Verifies that a mutex that can't be made is told.
+  is_mutex_refused = true;
+  const IdleSampler sampler;
+  is_mutex_refused = false;
+  EXPECT_TRUE(log_.contains(log_level::fatal,
+                            "Failed to initialize pthread mutex: 11 : Resource temporarily unavailable"));
+}
 
 TEST_F(CPUStatSamplerTest, lock_failures) {
   // Verifies that a mutex that can't be taken or given up is told, and the samples are left alone.

@@ -108,6 +108,16 @@ TEST(MachineInfoTest, tcp_memory) {
   EXPECT_THROW(MachineInfo::print_process_cpu_and_ram(), std::invalid_argument);
 }
 
+TEST(MachineInfoTest, report_without_tcp_memory) {
+  // Verifies that the block can't be made when the memory of TCP can't be read: the process is to end with
+  // that.
+  ScopedConfig config(zol_config);
+  zol_test::FakeCommands commands;
+  commands.add("cat", "exit 1");
+  MachineInfo info(false);
+  EXPECT_THROW(info.generate_machine_info_report(), std::invalid_argument);
+}
+
 TEST(MachineInfoTest, reload) {
   // Verifies that a reload of the configuration reaches the object, and none does after its end.
   ScopedConfig config(zol_config);

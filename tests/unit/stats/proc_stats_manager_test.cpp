@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "stats/proc_mem_stats.h"
@@ -68,6 +70,38 @@ TEST_F(ProcessesManagerTest, parent_is_watchdog) {
   ASSERT_EQ(manager.processes.count("watchdog"), 1U);
   EXPECT_EQ(manager.processes.at("watchdog").pid, getppid());
   EXPECT_EQ(log_.count("print_proc_status: watchdog("), 1);
+}
+
+// What a process whose parent has ended measures as the watchdog, written to `out`.
+[[noreturn]] void measure_as_orphan(pid_t former_parent, int out) {
+  while (getppid() == former_parent)
+    usleep(1000);
+  ProcessesManager manager;
+  manager.calculate_processes_performance({"watchdog"});
+  const pid_t measured = manager.processes.count("watchdog") == 1 ? manager.processes.at("watchdog").pid : 0;
+  _exit(write(out, &measured, sizeof measured) == sizeof measured ? 0 : 1);
+}
+
+TEST_F(ProcessesManagerTest, parent_gone) {
+  // Verifies that whoever has taken the process over from a parent that ended is measured as the watchdog.
+  ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const pid_t parent = fork();
+  if (parent == 0) {
+    const pid_t self = getpid();
+    if (fork() == 0)
+      measure_as_orphan(self, ends[1]);
+    _exit(0);
+  }
+  close(ends[1]);
+  pid_t measured = -1;
+  EXPECT_EQ(read(ends[0], &measured, sizeof measured), static_cast<ssize_t>(sizeof measured));
+  EXPECT_EQ(measured, getpid());
+  close(ends[0]);
+  while (wait(nullptr) > 0)
+    continue;
+  prctl(PR_SET_CHILD_SUBREAPER, 0);
 }
 
 TEST_F(ProcessesManagerTest, measurement) {
