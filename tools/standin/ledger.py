@@ -1,10 +1,13 @@
 """What traffic reports told, beside what iptables rules counted at the hooks of the kernel's connection tracking."""
 import collections
+import re
 
 from . import netns
 
 # How long an ended connection stays in the table: longer than the period of the reports, or its last bytes are lost.
 TIMEOUTS = ("time_wait", "close", "last_ack")
+CONNECTION = re.compile(r" ConntrackStats: dump_parser  \[.* mark (\d+) net .* io (\d) ")
+LEFT_OUT = re.compile(r" ConntrackStats: dump_parser: Not counting bytes net \S+ tx bytes (\d+) rx bytes (\d+)")
 STREAMS = [(stream, way) for stream in ("client-to-server", "server-to-client") for way in ("incoming", "outgoing")]
 
 
@@ -57,3 +60,59 @@ def differences(node, numbers, uncounted=()):
             if told[key] != (packets, size):
                 wrong[number, *key] = f"{told[key][0] - packets:+} packets, {told[key][1] - size:+} bytes"
     return wrong
+
+
+def uncounted(node, failed=()):
+    """Bytes of connections that ended before the daemon knew whose they were, by its log: it counts them for nobody.
+    Onward connections of `failed` services are never anybody's, and aren't in the sum."""
+    total, of_service, is_onward = 0, 0, False
+    for line in node.log().splitlines():
+        if found := CONNECTION.search(line):
+            of_service, is_onward = int(found[1]) >> 8 & 0xff, found[2] == "2"
+        elif (found := LEFT_OUT.search(line)) and not (is_onward and of_service in failed):
+            total += int(found[1]) + int(found[2])
+    return total
+
+
+# --- the links and tunnels of a middle-mile node ----------------------------------------------------------------------
+
+def added(*figures):
+    return tuple(map(sum, zip(*figures)))
+
+
+def link_sums(bodies):
+    """(from, to) to (packets in, bytes in, packets out, bytes out) over all reports; ends are a site's id or a type."""
+    sums = collections.defaultdict(lambda: (0,) * 4)
+    for body in bodies:
+        for link in body.get("links", []):
+            key = tuple(link[end].get("internal_id", link[end]["type"]) for end in ("src", "dst"))
+            sums[key] = added(sums[key], (link["src"]["packets"], link["src"]["bytes"],
+                                          link["dst"]["packets"], link["dst"]["bytes"]))
+    return dict(sums)
+
+
+def tunnel_sums(bodies):
+    """A tunnel's ip to (packets up, bytes up, packets down, bytes down)."""
+    sums = collections.defaultdict(lambda: (0,) * 4)
+    for body in bodies:
+        for tunnel in body.get("tunnels", []):
+            sums[tunnel["ip"]] = added(sums[tunnel["ip"]], [tunnel[way][figure] for way in ("upload", "download")
+                                                            for figure in ("total_packets", "total")])
+    return dict(sums)
+
+
+def link_truth(node, near, far, proxied=(), forwarded=(), failed=()):
+    """The links from `near`, whose clients open the connections, to `far` and back, by what the kernel's rules counted
+    of these services. Of `failed` ones, whose way onward isn't there, the client's connection alone counts."""
+    counted = collections.defaultdict(lambda: (0, 0), node.counted())
+
+    def total(nibble, direction, services):
+        return added((0, 0), *(counted[number, nibble, direction] for number in services))
+
+    def both_legs(direction):
+        between = total(3, direction, forwarded)
+        return (added(total(1, direction, [*proxied, *failed]), between),
+                added(total(2, direction, proxied), between))
+
+    (from_near, to_far), (to_near, from_far) = both_legs("ORIGINAL"), both_legs("REPLY")
+    return {(near, far): from_near + to_far, (far, near): from_far + to_near}

@@ -68,15 +68,15 @@ class Ping:
 class Link:
     """`addresses` are those of the far end. `options` go to the program as they are."""
 
-    def __init__(self, node, addresses, seed=1, options=("--realtime",)):
+    def __init__(self, node, addresses, seed=1, options=("--realtime",), left_device=LEFT_DEVICE):
         self.node = node
         self.log = node.folder / "link.log"
-        command = [str(node.bin / "link_emulator"), "--left", f"{node.network.node}:{LEFT_DEVICE}", "--right",
+        command = [str(node.bin / "link_emulator"), "--left", f"{node.network.node}:{left_device}", "--right",
                    f"{node.network.target}:{RIGHT_DEVICE}", "--seed", str(seed), "--log", str(self.log), *options]
         self.process = Process(command, node.folder / "link_emulator.err", subprocess.PIPE)
         node.processes.append(self.process)
         self.process.wait_event("ready")
-        for name, device, first in ((node.network.node, LEFT_DEVICE, [LEFT]),
+        for name, device, first in ((node.network.node, left_device, [LEFT]),
                                     (node.network.target, RIGHT_DEVICE, addresses)):
             batch = "".join(f"addr add {address}/{PREFIX} dev {device}\n" for address in first)
             netns.run("ip", "-n", name, "-batch", "-", data=batch)

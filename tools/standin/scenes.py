@@ -13,6 +13,7 @@ SERVICES = [
     service(3, external_port_out=9999),     # nobody listens there
     service(4, host=network.SILENT),        # takes packets and answers none
 ]
+STAY_S = 0.2  # what ends at once may be over before a busy daemon has heard of it, and counts for nobody
 NAMES = ("shop", "mail", "files")
 
 
@@ -93,6 +94,7 @@ class Scenes:
         sender.join()
         if asked != question or answered != answer:
             self.truth.wrong(f"service {row['service_id']}: bytes were changed on their way")
+        self.stop.wait(STAY_S)
         end = ("client's FIN", "target's FIN", "client's RST", "target's RST")[number % 4]
         self._end(end, client, target)
         self.truth.add(service_id=row["service_id"], client_port=port, end=end, client_sent=len(question),
