@@ -7,24 +7,39 @@ namespace zol_monitor {
 
 void DetectedSessions::assign(std::list<Session> sessions, bool accepted_only) {
   clear();
-  pending_ = std::move(sessions);
-  if (accepted_only)
-    pending_.remove_if([](const Session& session) { return !session->accepted_locally; });
-  left_ = pending_.size();
+  for (Session& session : sessions) {
+    if (accepted_only && !session->accepted_locally)
+      continue;
+    ++left_;
+    if (session->network_id.empty())
+      pending_.push_back(std::move(session));
+    else
+      add_to_group(std::move(session));
+  }
+  sort_groups();
+}
+
+void DetectedSessions::add_to_group(Session session) {
+  Group& group = groups_[session->accepted_locally][session->network_id];
+  const std::uint32_t client = session->client_ip;
+  group.entries.push_back({client, std::move(session)});
+  group.sorted = false;
+}
+
+void DetectedSessions::sort_groups() {
+  for (auto& groups : groups_)
+    for (auto& [network, group] : groups)
+      if (!std::exchange(group.sorted, true))
+        std::sort(group.entries.begin(), group.entries.end(),
+                  [](const Entry& one, const Entry& other) { return one.client < other.client; });
 }
 
 void DetectedSessions::group_pending() {
   if (pending_.empty())
     return;
-  for (Session& session : std::exchange(pending_, {})) {
-    Group& group = groups_[session->accepted_locally][session->network_id];
-    const std::uint32_t client = session->client_ip;
-    group.entries.push_back({client, std::move(session)});
-  }
-  for (auto& groups : groups_)
-    for (auto& [network, group] : groups)
-      std::sort(group.entries.begin(), group.entries.end(),
-                [](const Entry& one, const Entry& other) { return one.client < other.client; });
+  for (Session& session : std::exchange(pending_, {}))
+    add_to_group(std::move(session));
+  sort_groups();
 }
 
 void DetectedSessions::clear() {

@@ -14,10 +14,10 @@
 
 namespace zol_monitor {
 
-// A session's network, role and client count as they are when the first client is asked for: the reading of
-// the connection table in between may still find them out. Holds references, so it must be empty again before
-// anybody asks for the use count of a session. Main thread only. A client's sessions are found without
-// looking at any other session.
+// A session without a network counts as what it is when the first client is asked for: the reading of the
+// connection table in between may still find its network and role out. Holds references, so it must be empty
+// again before anybody asks for the use count of a session. Main thread only. A client's sessions are found
+// without looking at any other session.
 class DetectedSessions {
  public:
   using Session = std::shared_ptr<SessionInfo>;
@@ -45,14 +45,17 @@ class DetectedSessions {
   struct Group {
     Entries entries;
     std::size_t next = 0;
+    bool sorted = true;
   };
 
   // The walk is as long as its waiting for memory, so what it will read is asked for in time.
   static constexpr std::size_t sessions_ahead = 8;
   static void prefetch(const Group& group, std::size_t index);
+  void add_to_group(Session session);
+  void sort_groups();
   void group_pending();
 
-  std::list<Session> pending_;              // not grouped yet
+  std::vector<Session> pending_;            // without a network yet
   std::map<std::string, Group> groups_[2];  // by network; of sessions accepted elsewhere, and here
   size_type left_ = 0;
 };

@@ -5,37 +5,21 @@
     east    lan: its peer is up while the kernel has its neighbour's address
     road    remote access over ipsec
 """
-import base64
 import pathlib
 import struct
 
 from standin import netns, network
+from standin import sites as standin_sites
 from standin.node import service
+from standin.sites import Programs, conn_name, entry, ipsec_connecting, ipsec_up, route_table, site, way  # noqa: F401
 
 PERIOD_MS = 1000
 NORTH, NORTH_2, SOUTH, EAST = "192.0.2.11", "192.0.2.12", "192.0.2.21", "192.0.2.31"
 SOUTH_INNER, SOUTH_GATEWAY, EAST_INNER = "169.254.7.2", "169.254.7.1", network.SERVER
 ROUTING_ID = 2
-TABLE = str(ROUTING_ID * 2 + 1001)
+TABLE = route_table(ROUTING_ID)
 HEADER = 48
 ROWS, ROW_SIZE, NAME_SIZE = 52, 1501, 1500
-
-
-def entry(ip, identity, **changes):
-    return {"enabled": True, "monitored": False, "ip": ip, "id": identity, "psk": "secret", "priority": 1,
-            "id_as_text": False, "zol_id_as_text": False, "mark": "0x1", **changes}
-
-
-def site(internal_id, protocol, entries, **changes):
-    row = {"name": f"{internal_id}-office", "internal_id": internal_id, "type": "site", "protocol": protocol,
-           "primary": True, "route_based_enabled": False, "BGP": {"enabled": False}, "vpn_group": "Customer",
-           "accept_connections": True, "default_gateway": False, "metadata": "", "failover_order": "",
-           "subnets": (), "other_sites": (), "entry_points": tuple(entries)}
-    return {**row, **changes}
-
-
-def way(peer, gateway):
-    return {"primary": {"site_ip": peer, "gw_ip": gateway, "netmask": "255.255.255.252"}}
 
 
 def the_sites():
@@ -51,48 +35,17 @@ def the_sites():
     ]
 
 
-def settings(sites, **changes):
-    return {
-        "MiddleMileNetwork.enabled": True,
-        "Monitoring.report_resolution_ms": PERIOD_MS,
-        "Networking.interfaces": ({"interface": network.NODE_OUT, "external_ip": network.NODE_OUT,
-                                   "is_private": False},),
-        "HopData.hops": ({"hop_id": "hop-1", "is_direct": True},),
-        "SharedNetworkData.routing_id": ROUTING_ID,
-        "IPTables.rate_limit_mbps": 100.0,
-        "VPNIPsec.enabled": True,
-        "VPNIPsec.icmp_local_address_group": "local",
-        "VPNIPsec.icmp_local_addresses": (network.NODE_IN,),
-        "VPNIPsec.sites": tuple(sites),
-        **changes,
-    }
+def settings(nodes_sites, **changes):
+    return {"Monitoring.report_resolution_ms": PERIOD_MS,
+            **standin_sites.settings(nodes_sites, ROUTING_ID, network.NODE_IN), **changes}
 
 
 # --- what the programs print ------------------------------------------------------------------------------------------
-
-def conn_name(internal_id, right_id, right, vti="", name=None, group="Customer"):
-    encoded = base64.b64encode(right_id.encode()).decode()
-    return "@".join([name or f"{internal_id}-office", internal_id, encoded, right, network.NODE_OUT, vti, group])
-
 
 NORTH_NAME = conn_name("north", "@hub.example", NORTH)
 NORTH_2_NAME = conn_name("north", "@hub.example", NORTH_2)
 SOUTH_NAME = conn_name("south", "south-peer", SOUTH, "vti1", group="Branch")
 ROAD_NAME = conn_name("road", "", "%any")
-
-
-def ipsec_up(name, tunnels=1, peer=None):
-    """The lines of a connection whose tunnels stand."""
-    lines = [f'006 #{10 + number}: "{name}/{number}x0", type=ESP, add_time=1700000000, inBytes=0, outBytes=0, id=\'x\''
-             for number in range(1, tunnels + 1)]
-    lines.append(f'000 #2: "{name}/1x0":500 STATE_QUICK_I2 (sent QI2, IPsec SA established); newest IPSEC; idle;')
-    if peer is not None:
-        lines.append(f'000 #2: "{name}/1x0" esp.c1d2e3f4@{peer} esp.a1b2c3d4@{network.NODE_OUT} ref=0')
-    return lines
-
-
-def ipsec_connecting(name):
-    return [f'000 #9: "{name}/1x0":500 STATE_MAIN_I4 (ISAKMP SA established); EVENT_SA_REPLACE in 2s; idle;']
 
 
 def client_up(number, identity, lease, peer):
@@ -102,27 +55,7 @@ def client_up(number, identity, lease, peer):
 
 
 def gre(name, state="Established", address=SOUTH):
-    return f"{name}: ResolvedIP: {address} State: {state}"
-
-
-class Programs:
-    """`ipsec whack` and the tunnel keeper inside a node."""
-
-    def __init__(self, node):
-        self.node = node
-        for folder in ("/usr/local/sbin", "/opt"):
-            node.run("mount", "-t", "tmpfs", "none", folder)
-        node.run("mkdir", "/opt/gred")
-        for path, text in (("/usr/local/sbin/ipsec", "ipsec.txt"), ("/opt/gred/gred.sh", "gred.txt")):
-            node.run("sh", "-c", f"printf '#!/bin/sh\\nexec cat {node.folder}/{text}\\n' >{path} && chmod 755 {path}")
-        self.set_ipsec([])
-        self.set_gre([])
-
-    def set_ipsec(self, lines):
-        self.node.write_file("ipsec.txt", "".join(line + "\n" for line in lines))
-
-    def set_gre(self, lines):
-        self.node.write_file("gred.txt", "".join(line + "\n" for line in ["GRED: status", *lines]))
+    return standin_sites.gre(name, address, state)
 
 
 def make(make_node, sites=None, **changes):

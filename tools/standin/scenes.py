@@ -13,7 +13,7 @@ SERVICES = [
     service(3, external_port_out=9999),     # nobody listens there
     service(4, host=network.SILENT),        # takes packets and answers none
 ]
-STAY_S = 0.2  # what ends at once may be over before a busy daemon has heard of it, and counts for nobody
+STAY_S = 0.2  # what moves at once may be counted before a busy daemon has heard whose it is
 NAMES = ("shop", "mail", "files")
 
 
@@ -83,6 +83,7 @@ class Scenes:
         """A request, an answer, and one of the four ends."""
         client, target = self.node.traffic.session(row)
         port = client.getsockname()[1]
+        self.stop.wait(STAY_S)
         question = head_of_request(NAMES[number % len(NAMES)])
         body = bytes(self.random.randrange(100, 200_000))
         answer = head_of_answer(len(body)) + body
@@ -94,7 +95,6 @@ class Scenes:
         sender.join()
         if asked != question or answered != answer:
             self.truth.wrong(f"service {row['service_id']}: bytes were changed on their way")
-        self.stop.wait(STAY_S)
         end = ("client's FIN", "target's FIN", "client's RST", "target's RST")[number % 4]
         self._end(end, client, target)
         self.truth.add(service_id=row["service_id"], client_port=port, end=end, client_sent=len(question),

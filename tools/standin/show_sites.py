@@ -203,6 +203,8 @@ class Sites:
         print("links, as the traffic reports told and as the kernel's rules counted (bytes in, bytes out):")
         for (first, second), (told, truth) in self.links().items():
             print(f"    {first} -> {second}: {told[1]:,} and {truth[1]:,}, {told[3]:,} and {truth[3]:,}")
+        if any(told != truth for told, truth in self.links().values()):
+            print("    (what is looked at before its session is known counts as between its site and WORLD)")
         sent = [totals[f"{end}_sent"] + sum(moved[place] for moved in self.moved.values())
                 for place, end in enumerate(("client", "target"))]
         print(f"    the client sent {sent[0]:,} bytes of its own, the target {sent[1]:,}; the rest is headers")
