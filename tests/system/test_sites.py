@@ -337,6 +337,9 @@ def test_links_and_tunnels(make_node):
     """Verifies, to the byte, links and tunnels of proxied TCP and of forwarded UDP, both ways, over several reports."""
     node = make_linked(make_node)
     lengthen_timeouts(node)
+    # Right behind a reading: one that came before the daemon knows both legs would see a link to the world.
+    earlier = len(traffic_reports(node))
+    run_and_expect(lambda: len(traffic_reports(node)), lambda count: count > earlier)
     client, target = node.traffic.session(SERVICES[0])
     client.sendall(bytes(150_000))
     traffic.read_exactly(target, 150_000)
