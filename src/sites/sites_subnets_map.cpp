@@ -66,7 +66,7 @@ void SitesSubnetsMap::Table::insert(std::uint32_t first, std::uint32_t place) {
 
 void SitesSubnetsMap::Table::grow() {
   const std::size_t size = std::max(fewest_buckets, 2 * buckets_.size());
-  buckets_.assign(size, {});
+  buckets_ = std::vector<Bucket>(size);
   shift_ = 32 - std::countr_zero(size);
   for (std::size_t i = 0; i < entries_.size(); ++i)
     insert(entries_[i].subnet.first, static_cast<std::uint32_t>(i));

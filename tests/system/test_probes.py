@@ -10,6 +10,7 @@ import pytest
 import probing
 from periodic import HEADER, after_report, reports
 from probing import address, figures, site
+from standin import conf, table
 from standin.link import LEFT
 from standin.wait import run_and_expect
 
@@ -71,10 +72,22 @@ def keep_busy(node, stop):
                 return
 
 
-@pytest.fixture(scope="module", params=["idle", "busy"])
+# Under a sanitizer a reading holds the loop for longer than the watchdog's usual patience.
+READING = {"Monitoring.traffic_report_resolution_ms": 1500, "TrafficReport.enabled": True,
+           "Watchdog.max_missed_threshold_ms": 60000}
+CROWD = 100_000
+
+
+@pytest.fixture(scope="module", params=["idle", "busy", "reading"])
 def measured(request, make_module_node):
+    """One run: with a loop that is idle, stopped now and then, or held by readings of a large connection table."""
     node, link = probing.start(make_module_node, SITES, [address(number) for number in PROPERTIES])
     set_links(link)
+    if request.param == "reading":
+        node.settings.update(READING)
+        node.write_conf()
+        node.write_file("log.properties", conf.LOG_PROPERTIES.replace("DEBUG", "ERROR"))
+        table.send(node.network.node, [table.created(*ends, mark=0x110) for ends in table.crowd(CROWD)])
     node.start_receiver()
     node.start_watchdog()
     stop = threading.Event()
@@ -89,6 +102,8 @@ def measured(request, make_module_node):
         if busy.ident is not None:
             busy.join()
     probing.be_still(node)
+    if request.param == "reading":
+        assert len(node.requests("/zolEnterpriseTrafficReport")) > SAMPLES / 4
     return Measured(node, link)
 
 

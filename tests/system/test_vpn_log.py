@@ -216,7 +216,8 @@ def test_question_of_the_minute(make_node):
     assert (found[0]["log_text"], found[0]["reason"]) == ("AUTHENTICATION_FAILED", "Wrong key")
     # This end's address is known from the tunnel's own name, which hasn't been seen yet.
     assert asked(node)[0][1:] == [NORTH_NAME.replace(network.NODE_OUT, ""), "long"]
-    assert 10 <= int(asked(node)[0][0]) % 60 <= 14
+    # Timers run on a clock of their own, from which the wall clock may differ by a little.
+    assert 9 <= int(asked(node)[0][0]) % 60 <= 14
     assert "Checking pluto failures in the passed minute" in node.log()
     assert changes(node) == []
 
