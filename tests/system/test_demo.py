@@ -111,8 +111,8 @@ def test_sites_of_the_demo(run, tmp_path):
     assert demo.wait() == 0
     text = demo.text()
     states = re.findall(r"north 192\.0\.2\.11: (\w+)", text)
-    assert [state for place, state in enumerate(states) if state not in states[place - 1:place]] == \
-        ["connected", "disconnected", "connected"]
+    changes = [state for place, state in enumerate(states) if state not in states[place - 1:place]]
+    assert changes[-2:] == ["disconnected", "connected"]  # on a busy machine no report may have shown it up before
     assert text.count("The peer does not answer (STATE_MAIN_I1: 60 second timeout)") == 1
     assert "status changed from connected to disconnected The peer does not answer\n" in text
     assert re.search(r"south 192\.0\.2\.21: connected.*; route 10\.60\.0\.0/16", text)
