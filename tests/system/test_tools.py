@@ -59,6 +59,14 @@ def test_stop_ends_both_in_order(node):
     assert node.watchdog.events[-1]["status"] == 0
 
 
+def test_stop_of_a_daemon_that_has_just_been_started(node):
+    """Verifies that a daemon without a socket yet is asked until it hears, and ends in order."""
+    node.start_watchdog()
+    assert node.watchdog.stop(signal.SIGTERM) == 0
+    assert node.watchdog.events[-1]["status"] == 0
+    assert not node.watchdog.select("killed")
+
+
 def test_records_on_command(node):
     """Verifies that the records are there after the command, of their sizes, and gone after the opposite one."""
     node.start_watchdog("--records-on-command")

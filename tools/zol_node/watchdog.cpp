@@ -20,6 +20,7 @@ namespace {
 
 constexpr const char* own_name = "watchdog";
 constexpr const char* monitor_name = "zol_monitor";
+constexpr unsigned ask_again_ms = 50;
 
 timeval milliseconds(unsigned count) {
   return {count / 1000, static_cast<suseconds_t>(count % 1000) * 1000};
@@ -63,6 +64,7 @@ Watchdog::Watchdog(event_base* base, int endpoint, const NodeOptions& options)
   restart_ = timer<&Watchdog::start>();
   late_records_ = timer<&Watchdog::make_records>();
   limit_ = timer<&Watchdog::kill_child>();
+  ask_again_ = timer<&Watchdog::ask_child_to_end>();
   on_child_ = on_signal<&Watchdog::children_ended>(SIGCHLD);
   on_term_ = on_signal<&Watchdog::stop>(SIGTERM);
   on_int_ = on_signal<&Watchdog::stop>(SIGINT);
@@ -140,11 +142,14 @@ void Watchdog::stop() {
     event_base_loopbreak(base_);
     return;
   }
-  const unsigned short terminate = msgtype_value(msgtype_e::terminate);
-  if (dispatch_msg(terminate, endpoint_, own_name, monitor_name) != 0)
-    kill_child();
-  else
-    charge(limit_, options_.stop_limit_ms);
+  charge(limit_, options_.stop_limit_ms);
+  ask_child_to_end();
+}
+
+// A child that has only just been started has no socket yet, and is asked again.
+void Watchdog::ask_child_to_end() {
+  if (child_ > 0 && dispatch_msg(msgtype_value(msgtype_e::terminate), endpoint_, own_name, monitor_name) != 0)
+    charge(ask_again_, ask_again_ms);
 }
 
 void Watchdog::kill_child() {

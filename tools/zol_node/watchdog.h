@@ -56,6 +56,7 @@ class Watchdog {
   void drop_records();
   void start();
   void stop();
+  void ask_child_to_end();
   void kill_child();
   void children_ended();
   void child_ended(int wait_status);
@@ -84,6 +85,7 @@ class Watchdog {
   Event restart_;
   Event late_records_;
   Event limit_;
+  Event ask_again_;
   Event on_child_;
   Event on_term_;
   Event on_int_;
