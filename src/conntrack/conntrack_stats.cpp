@@ -33,6 +33,9 @@ constexpr std::uint8_t tcp_state_established = 3;             // TCP_CONNTRACK_E
 // either place with their bit 2 set.
 constexpr nfct_filter_dump_mark marks_that_count = {.val = 0, .mask = 0x47};
 
+// The largest piece of a dump that the kernel makes (net/netlink/af_netlink.c).
+constexpr unsigned dump_piece_size = 32768;
+
 struct TableCloser {
   void operator()(nfct_handle* handle) const { nfct_close(handle); }
 };
@@ -98,6 +101,8 @@ bool ConntrackStats::query_kernel() {
     return false;
   }
   set_netlink_socket_options(nfct_fd(table.get()));
+  // The kernel fills pieces as large as the reader takes, and the library takes a page: an eighth of the calls.
+  nfnl_set_rcv_buffer_size(const_cast<nfnl_handle*>(nfct_nfnlh(table.get())), dump_piece_size);
   nfct_callback_register(table.get(), NFCT_T_ALL, &ConntrackStats::dump_cb, this);
   const DumpFilter filter(nfct_filter_dump_create());
   if (!filter) {

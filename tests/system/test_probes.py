@@ -35,10 +35,15 @@ SAMPLES = 24
 NEAR, USUAL, WORST = 5000, 50000, 300000
 
 
-def is_near(errors):
-    """Whether these are the errors of who measures rightly on a machine that may be busy."""
+def is_near(errors, link_late_us):
+    """Whether these are the errors of who measures rightly on a machine that may be busy.
+
+    The machine's stalls also hold up packets before the link sees them; how long, its own lateness tells.
+    """
     ordered = sorted(map(abs, errors))
-    return ordered[len(ordered) // 4] < NEAR and statistics.median(ordered) < USUAL and ordered[-2] < WORST
+    stall = link_late_us["p99"]
+    return (ordered[len(ordered) // 4] < NEAR + stall and statistics.median(ordered) < USUAL + stall
+            and ordered[-2] < WORST + stall)
 
 
 def set_links(link):
@@ -113,7 +118,7 @@ def test_figures(measured, number):
     latency, jitter = probing.errors_of(measured.told[number], measured.truth[number])
     print("latency", statistics.quantiles(latency), max(latency), "jitter", statistics.quantiles(jitter))
     assert len(latency) >= 3
-    assert is_near(latency) and is_near(jitter)
+    assert is_near(latency, measured.late_us) and is_near(jitter, measured.late_us)
     assert min(latency) > -1000  # nobody can be quicker than the link
 
 
@@ -198,7 +203,7 @@ def test_beside_ping_and_fping(make_node, number):
     for run in runs:
         run.join()
     probing.be_still(node)
-    link.stop()
+    late_us = link.stop()
     records = link.records()
     latency, _ = probing.errors_of(figures(node, number), probing.true_latencies(link, target, records))
     others = [ping for ping in link.pings(target, 84, records=records)]
@@ -212,7 +217,7 @@ def test_beside_ping_and_fping(make_node, number):
         assert len(errors[name]) > COUNT / 2
     print({name: statistics.median(found) for name, found in errors.items()})
     for name, found in errors.items():
-        assert is_near(found), (name, found)
+        assert is_near(found, late_us), (name, found)
 
 
 # --- reloads ----------------------------------------------------------------------------------------------------------
