@@ -3,13 +3,13 @@ import threading
 
 from standin import traffic
 from standin.ledger import differences, entries, moved, reports
-from standin.wait import run_and_expect
+from standin.wait import PATIENCE, run_and_expect
 
 
 def after_report(node, count=1):
     """Waits for that many reports more."""
     wanted = len(reports(node)) + count
-    run_and_expect(lambda: len(reports(node)), lambda found: found >= wanted, timeout=30 + 20 * count)
+    run_and_expect(lambda: len(reports(node)), lambda found: found >= wanted, timeout=PATIENCE + 20 * count)
 
 
 def expect_conserved(node, *numbers, uncounted=()):
@@ -17,7 +17,7 @@ def expect_conserved(node, *numbers, uncounted=()):
 
     `uncounted` are (number, stream, way) that no report may count.
     """
-    run_and_expect(lambda: differences(node, numbers, uncounted), {}, timeout=20)
+    run_and_expect(lambda: differences(node, numbers, uncounted), {})
     after_report(node, 2)
     assert differences(node, numbers, uncounted) == {}
     return {number: moved(entries(node, f"network-{number}")) for number in numbers}

@@ -32,7 +32,7 @@ def marks(node, service_id=1):
 def expect_marks(node, in_bits, out_bits, service_id=1):
     base = service_id << 8
     run_and_expect(lambda: marks(node, service_id),
-                   {"in": base | 0x10 | in_bits, "out": base | 0x20 | out_bits}, timeout=10)
+                   {"in": base | 0x10 | in_bits, "out": base | 0x20 | out_bits})
 
 
 def test_open_session_has_no_event_bits(relay):
@@ -80,7 +80,7 @@ def test_reset_by_target(relay):
 def test_refused_target_resets_client(relay):
     """Verifies that a refused connection onward resets the client and leaves an In leg alone."""
     assert relay.traffic.connect_in_vain(8002)[1] == "RST"
-    run_and_expect(lambda: marks(relay, 2), {"in": 0x210 | RST_OUT}, timeout=10)
+    run_and_expect(lambda: marks(relay, 2), {"in": 0x210 | RST_OUT})
 
 
 def test_half_close_delivers_everything(relay):

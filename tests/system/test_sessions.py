@@ -309,9 +309,12 @@ def test_many_at_once(road):
     for client, target in pairs:
         client.close()
         target.close()
-    wanted = {event["session"] for event in road.proxy.select("session")
-              if int(event["client"].split(":")[1]) in ports} - earlier
-    assert len(wanted) == len(pairs)
+
+    def told():
+        return {event["session"] for event in road.proxy.select("session")
+                if int(event["client"].split(":")[1]) in ports} - earlier
+
+    wanted = run_and_expect(told, lambda ids: len(ids) == len(pairs))
     run_and_expect(lambda: {entry["session_id"] for entry in road.sessions()}, lambda ids: wanted <= ids, timeout=60)
 
 

@@ -235,7 +235,7 @@ def test_longest_prefix(make_node):
         return {address: (re.findall(rf"Matching {re.escape(address)} (to .*)", log) or [""])[-1]
                 for address in MATCHES}
 
-    run_and_expect(matched, MATCHES, timeout=30, interval=0.5)
+    run_and_expect(matched, MATCHES, interval=0.5)
 
 
 # --- links and tunnels ------------------------------------------------------------------------------------------------
@@ -309,9 +309,8 @@ def make_linked(make_node):
 
 def expect_links(node, others=()):
     """The reports' sums become the kernel's and stay so when nothing moves."""
-    run_and_expect(lambda: {key: sums for key, sums in link_sums(node).items() if key not in others}, link_truth(node),
-                   timeout=30)
-    run_and_expect(lambda: {ip: tunnel_sums(node)[ip] for ip in (NORTH, SOUTH)}, tunnel_truth(node), timeout=10)
+    run_and_expect(lambda: {key: sums for key, sums in link_sums(node).items() if key not in others}, link_truth(node))
+    run_and_expect(lambda: {ip: tunnel_sums(node)[ip] for ip in (NORTH, SOUTH)}, tunnel_truth(node))
     count = len(traffic_reports(node))
     run_and_expect(lambda: len(traffic_reports(node)), lambda found: found >= count + 2)
     assert {key: sums for key, sums in link_sums(node).items() if key not in others} == link_truth(node)

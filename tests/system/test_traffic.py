@@ -166,7 +166,7 @@ def test_udp_both_ways(make_node):
     assert there == (3, 10 + 500 + 1000 + 3 * 28)
     expected = {("client-to-server", "incoming"): there, ("client-to-server", "outgoing"): there,
                 ("server-to-client", "incoming"): back, ("server-to-client", "outgoing"): back}
-    run_and_expect(lambda: moved(entries(node, "network-6")), expected, timeout=20)
+    run_and_expect(lambda: moved(entries(node, "network-6")), expected)
     after_report(node, 2)
     assert moved(entries(node, "network-6")) == expected
 

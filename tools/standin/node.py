@@ -26,7 +26,7 @@ from .names import NameServer
 from .network import Network
 from .processes import Process
 from .traffic import Traffic
-from .wait import run_and_expect
+from .wait import PATIENCE, run_and_expect
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 HERE = pathlib.Path(__file__).resolve().parent
@@ -157,7 +157,7 @@ class Node:
         """A command line that runs inside the node, in its folder."""
         return [sys.executable, str(HERE / "enter.py"), self.holder_pid, str(self.folder), *map(str, words)]
 
-    def run(self, *words, data=None, timeout=30, check=True):
+    def run(self, *words, data=None, timeout=PATIENCE, check=True):
         """Runs a command inside the node to its end; the CompletedProcess."""
         ended = subprocess.run(self.command(*words), input=data, capture_output=True, text=True, timeout=timeout)
         if check and ended.returncode != 0:
@@ -259,7 +259,7 @@ class Node:
         path = self.folder / "monitor.log"
         return path.read_text(errors="replace") if path.exists() else ""
 
-    def wait_log(self, text, count=1, timeout=30):
+    def wait_log(self, text, count=1, timeout=PATIENCE):
         run_and_expect(lambda: self.log().count(text), lambda found: found >= count, timeout)
 
     # --- the server -----------------------------------------------------------------------------------------------

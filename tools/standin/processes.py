@@ -6,7 +6,7 @@ import subprocess
 import threading
 
 from . import netns
-from .wait import run_and_expect
+from .wait import PATIENCE, run_and_expect
 
 
 class Process:
@@ -38,7 +38,7 @@ class Process:
         wanted = {"event": event, **members}
         return [entry for entry in list(self.events) if all(entry.get(key) == value for key, value in wanted.items())]
 
-    def wait_event(self, event, count=1, timeout=30, **members):
+    def wait_event(self, event, count=1, timeout=PATIENCE, **members):
         """The count-th event of that kind, when it has come."""
         def arrived():
             if self.popen.poll() is not None and not self.reader.is_alive():

@@ -6,6 +6,7 @@ import struct
 import threading
 
 from . import netns, network
+from .wait import PATIENCE
 
 
 def reset(connection):
@@ -35,7 +36,7 @@ def read_to_end(connection):
 class Traffic:
     """Connections through a node. Every socket that it gives has a time-out, and is closed with it."""
 
-    def __init__(self, net, timeout=20):
+    def __init__(self, net, timeout=PATIENCE):
         self.net = net
         self.timeout = timeout
         # Each client has a port of its own, below those that the kernel gives out: a port tells a session.

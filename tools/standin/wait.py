@@ -1,8 +1,10 @@
 """Waiting for a state of the world."""
 import time
 
+PATIENCE = 90  # seconds; only what has failed takes so long, on whatever machine
 
-def run_and_expect(fn, expected, timeout=30, interval=0.05):
+
+def run_and_expect(fn, expected, timeout=PATIENCE, interval=0.05):
     """Calls `fn` until it gives `expected`, or until `expected(result)` is true when that is callable.
 
     Gives the result. An AssertionError names the last result when the limit, which is there only to end a test that
