@@ -16,6 +16,7 @@
 #include "config/zol_networks.h"
 #include "conntrack/conntrack.h"
 #include "conntrack/conntrack_states.h"
+#include "conntrack/dump_pieces.h"
 #include "conntrack/nfconntrack.h"
 #include "conntrack/none_tcp_nfct_container.h"
 #include "sessions/zol_monitor_data.h"
@@ -32,9 +33,6 @@ constexpr std::uint8_t tcp_state_established = 3;             // TCP_CONNTRACK_E
 // The kernel leaves out what has any of these bits: In and Out bits without a service id, and IO nibbles of
 // either place with their bit 2 set.
 constexpr nfct_filter_dump_mark marks_that_count = {.val = 0, .mask = 0x47};
-
-// The largest piece of a dump that the kernel makes (net/netlink/af_netlink.c).
-constexpr unsigned dump_piece_size = 32768;
 
 struct TableCloser {
   void operator()(nfct_handle* handle) const { nfct_close(handle); }
@@ -101,8 +99,6 @@ bool ConntrackStats::query_kernel() {
     return false;
   }
   set_netlink_socket_options(nfct_fd(table.get()));
-  // The kernel fills pieces as large as the reader takes, and the library takes a page: an eighth of the calls.
-  nfnl_set_rcv_buffer_size(const_cast<nfnl_handle*>(nfct_nfnlh(table.get())), dump_piece_size);
   nfct_callback_register(table.get(), NFCT_T_ALL, &ConntrackStats::dump_cb, this);
   const DumpFilter filter(nfct_filter_dump_create());
   if (!filter) {
@@ -114,6 +110,8 @@ bool ConntrackStats::query_kernel() {
   nfct_filter_dump_set_attr(filter.get(), NFCT_FILTER_DUMP_MARK, &marks_that_count);
   nfct_filter_dump_set_attr_u8(filter.get(), NFCT_FILTER_DUMP_L3NUM, AF_INET);
   const bool keep_counters = states() != nullptr || first_time;
+  if (!keep_counters)
+    fit_dump_pieces(table.get(), filter.get());
   nfct_query(table.get(), keep_counters ? NFCT_Q_DUMP_FILTER : NFCT_Q_DUMP_FILTER_RESET, filter.get());
   parse_batch();
   return true;
