@@ -162,9 +162,9 @@ bool ConntrackStats::is_counters_zero(const conntrack_counters_t& counters) {
   return counters.tx_bytes == 0 && counters.rx_bytes == 0;
 }
 
-int ConntrackStats::dump_cb(nf_conntrack_msg_type type, nf_conntrack* ct, void* self) {
+int ConntrackStats::dump_cb(nf_conntrack_msg_type, nf_conntrack* ct, void* self) {
   auto& stats = *static_cast<ConntrackStats*>(self);
-  stats.batch_[stats.batch_count_++] = {type, NfctHandle(ct)};
+  stats.batch_[stats.batch_count_++] = NfctHandle(ct);
   if (stats.batch_count_ == batch_size)
     stats.parse_batch();
   return NFCT_CB_STOLEN;
@@ -175,14 +175,17 @@ void ConntrackStats::parse_batch() {
   const std::size_t count = std::exchange(batch_count_, 0);
   std::array<nfconntrack_ends_t, batch_size> ends;
   for (std::size_t i = 0; i < count; ++i)
-    ends[i] = nfconntrack_get_ends(batch_[i].ct.get());
+    ends[i] = nfconntrack_get_ends(batch_[i].get());
   const ZOLSessions& sessions = data->sessions;
   std::for_each_n(ends.begin(), count, [&sessions](const auto& one) { sessions.prefetch(one); });
-  std::for_each_n(ends.begin(), count, [&sessions](const auto& one) { sessions.touch(one); });
+  std::array<const SessionInfo*, batch_size> found;
+  std::transform(ends.begin(), ends.begin() + count, found.begin(),
+                 [&sessions](const auto& one) { return sessions.touch(one); });
+  std::for_each_n(found.begin(), count, [](const auto* one) { ZOLSessions::touch_texts(one); });
   for (std::size_t i = 0; i < count; ++i) {
-    const Dumped dumped = std::move(batch_[i]);
+    const NfctHandle ct = std::move(batch_[i]);
     try {
-      dump_parser(dumped.type, dumped.ct.get());
+      parse(ct.get(), ends[i]);
     } catch (const std::exception& failure) {
       SUP_LOG(logger(), log_level::error) << "dump_cb: " << failure.what();
     }
@@ -190,6 +193,11 @@ void ConntrackStats::parse_batch() {
 }
 
 int ConntrackStats::dump_parser(nf_conntrack_msg_type, nf_conntrack* ct) {
+  parse(ct, nfconntrack_get_ends(ct));
+  return NFCT_CB_CONTINUE;
+}
+
+void ConntrackStats::parse(nf_conntrack* ct, const nfconntrack_ends_t& ends) {
   SUP_LOG(logger(), log_level::debug)
       << "dump_parser"
       << " " << (first_time ? "[first time]" : "") << (ignore_query ? "[ignoring query]" : "") << " "
@@ -198,12 +206,11 @@ int ConntrackStats::dump_parser(nf_conntrack_msg_type, nf_conntrack* ct) {
   const std::uint32_t mark = nfconntrack_get_mark(ct);
   if (takes_non_tcp_path(protonum, mark)) {
     parse_non_tcp(ct);
-    return NFCT_CB_CONTINUE;
+    return;
   }
-  CountedFlow flow = {.protonum = protonum, .mark = mark};
+  CountedFlow flow = {.protonum = protonum, .mark = mark, .ends = ends};
   if (is_countable(ct, flow))
     parse_marked(ct, flow);
-  return NFCT_CB_CONTINUE;
 }
 
 bool ConntrackStats::takes_non_tcp_path(std::uint8_t protonum, std::uint32_t mark) const {
@@ -226,7 +233,7 @@ void ConntrackStats::parse_non_tcp(nf_conntrack* ct) {
     ct_parser_non_tcp_gxs(ct);
 }
 
-// Fills in the ends.
+// Fills in the nibble.
 bool ConntrackStats::is_countable(const nf_conntrack* ct, CountedFlow& flow) const {
   if (flow.protonum != IPPROTO_TCP && flow.protonum != IPPROTO_UDP)
     return false;
@@ -243,7 +250,6 @@ bool ConntrackStats::is_countable(const nf_conntrack* ct, CountedFlow& flow) con
     SUP_LOG(logger(), log_level::trace) << "Ignoring TCP connections without IO Mark";
     return false;
   }
-  flow.ends = nfconntrack_get_ends(ct);
   const std::uint32_t loopback = htonl(INADDR_LOOPBACK);
   if (flow.ends.src == loopback && flow.ends.dst == loopback) {
     SUP_LOG(logger(), log_level::trace) << "Ignoring TCP connections on loopback";

@@ -30,6 +30,7 @@ namespace zol_monitor {
 
 class ConntrackStatesManager;
 class MonitorData;
+struct nfconntrack_ends_t;
 
 class ConntrackStats {
  public:
@@ -146,16 +147,13 @@ class ConntrackStats {
 
  private:
   struct CountedFlow;
-  struct Dumped {
-    nf_conntrack_msg_type type;
-    NfctHandle ct;
-  };
   // As many connections as the processor can look up at once: most of a reading is waiting for memory.
   static constexpr std::size_t batch_size = 16;
   using Network = std::map<std::string, LogicalNetworkCounters>::value_type;
 
   bool query_kernel();
   void parse_batch();
+  void parse(nf_conntrack* ct, const nfconntrack_ends_t& ends);
   void drain_ended_connections();
   void publish_totals() const;
 
@@ -171,7 +169,7 @@ class ConntrackStats {
   bool count_tcp(nf_conntrack* ct, const CountedFlow& flow, Network& network, ConntrackStatesManager* memory);
   void update_session(const nf_conntrack* ct, const CountedFlow& flow);
 
-  std::array<Dumped, batch_size> batch_;
+  std::array<NfctHandle, batch_size> batch_;
   std::size_t batch_count_ = 0;
   std::array<Network*, 256> network_by_service_{};  // null until the service is met
 };

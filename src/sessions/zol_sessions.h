@@ -94,11 +94,13 @@ class ZOLSessions {
   // The session of a tracked connection, whichever way the connection runs.
   SessionPtr get(const nf_conntrack* ct, LegPlace* place = nullptr);
   SessionPtr get(const nfconntrack_ends_t& ends, LegPlace* place);
-  // Bring into the cache what find() will read, first of the table, then of the session. For who looks
-  // several connections up: with each step done for all of them, the processor waits for their memory at once
-  // and not for one after the other. touch() tells whether there is a session.
+  // Bring into the cache what find() and the counting of a connection will read, first of the table, then of
+  // the session, then of its texts. For who looks several connections up: with each step done for all of
+  // them, the processor waits for their memory at once and not for one after the other. touch() gives the
+  // session, or null, valid until the table changes.
   void prefetch(const nfconntrack_ends_t& ends) const;
-  bool touch(const nfconntrack_ends_t& ends) const;
+  const SessionInfo* touch(const nfconntrack_ends_t& ends) const;
+  static void touch_texts(const SessionInfo* session);
   // The same as get(), for who does several of the things below with one connection and looks it up once.
   FoundLeg find(const nfconntrack_ends_t& ends);
   // The session of an IPC message: by its keys when they point at that uuid, else by the uuid.

@@ -18,11 +18,12 @@ void log_look_up(const char* outcome, std::uint64_t key, const LegMap& map) {
 }
 
 // What a reading of the connection table reads and writes of a session.
-bool fetch(const SessionInfo& session, const SessionEndpointInfo& leg) {
-  const void* const parts[] = {&session.client_ip, &leg.termination_reason, &session.domain_name};
+const SessionInfo* fetch(const SessionInfo& session, const SessionEndpointInfo& leg) {
+  const void* const parts[] = {&session.client_ip, &leg.termination_reason, &leg.outgoing_bytes,
+                               &session.network_id, &session.domain_name};
   for (const void* part : parts)
     __builtin_prefetch(part, 1);
-  return true;
+  return &session;
 }
 
 // One end of a tracked connection.
@@ -75,7 +76,7 @@ void ZOLSessions::prefetch(const nfconntrack_ends_t& ends) const {
   in_sessions.prefetch(leg_key(ends.dst, ends.dport));
 }
 
-bool ZOLSessions::touch(const nfconntrack_ends_t& ends) const {
+const SessionInfo* ZOLSessions::touch(const nfconntrack_ends_t& ends) const {
   const std::uint64_t source = leg_key(ends.src, ends.sport);
   const std::uint64_t target = leg_key(ends.dst, ends.dport);
   auto found = in_sessions.find(source);
@@ -87,11 +88,16 @@ bool ZOLSessions::touch(const nfconntrack_ends_t& ends) const {
   if (outer == out_sessions.end())
     outer = out_sessions.find(source);
   if (outer == out_sessions.end())
-    return false;
+    return nullptr;
   auto inner = outer->second.find(target);
   if (inner == outer->second.end())
     inner = outer->second.find(source);
-  return inner != outer->second.end() && fetch(*inner->second, inner->second->out_info);
+  return inner != outer->second.end() ? fetch(*inner->second, inner->second->out_info) : nullptr;
+}
+
+void ZOLSessions::touch_texts(const SessionInfo* session) {
+  if (session != nullptr)
+    __builtin_prefetch(session->domain_name.data());
 }
 
 FoundLeg ZOLSessions::find(const nfconntrack_ends_t& ends) {
