@@ -6,19 +6,8 @@
 
 namespace zol_monitor {
 
-namespace {
-
-// Most look-ups of a new connection find nothing, and an empty bucket says so at the cost of one cache miss.
-constexpr float max_load = 0.5;
-
-}  // namespace
-
 ZOLSessions::ZOLSessions(zol::Services* services_in, zol::SiteServicesBase* site_services_in)
-    : services(services_in), site_services(site_services_in) {
-  in_sessions.max_load_factor(max_load);
-  out_sessions.max_load_factor(max_load);
-  sessions_by_id.max_load_factor(max_load);
-}
+    : services(services_in), site_services(site_services_in) {}
 
 ZOLSessions::~ZOLSessions() = default;
 

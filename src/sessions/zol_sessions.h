@@ -44,7 +44,7 @@ struct nfconntrack_ends_t;
 using SessionPtr = std::shared_ptr<SessionInfo>;
 // A reading of the connection table looks a hundred thousand legs up: keys and pointers lie in one array.
 using LegMap = absl::flat_hash_map<std::uint64_t, SessionPtr, LegKeyHash>;
-using OutLegMap = std::unordered_map<std::uint64_t, LegMap, LegKeyHash>;
+using OutLegMap = absl::flat_hash_map<std::uint64_t, LegMap, LegKeyHash>;
 
 // Where a tracked connection stands in the table.
 struct LegPlace {
@@ -184,7 +184,7 @@ class ZOLSessions {
   LegMap in_sessions;      // In legs, by the key of the leg's peer
   OutLegMap out_sessions;  // Out legs: first pair, then second pair
   std::unordered_map<std::string, std::shared_ptr<NonTCPSessionInfo>> non_tcp_sessions;  // by gen_non_tcp_key
-  std::unordered_map<SessionId, SessionPtr, SessionIdHash> sessions_by_id;               // every live session
+  absl::flat_hash_map<SessionId, SessionPtr, SessionIdHash> sessions_by_id;              // every live session
   SessionsErrorCounter error_counters;
   // Sessions that recovered from a fail-open, and black hole events; the periodic report clears the first of
   // each.
