@@ -60,12 +60,12 @@ bool is_udp_enabled() {
 struct ConntrackStats::CountedFlow {
   std::uint8_t protonum = 0;
   std::uint32_t mark = 0;
-  nfconntrack_ends_t ends{};
+  const nfconntrack_ends_t& ends;
+  const FoundLeg& leg;
   std::uint8_t m = 0;  // the normalised nibble
   bool reversed = false;
   bool known = false;  // to the memory of counters
   conntrack_counters_t counters{};
-  FoundLeg leg{};
   std::uint32_t client = 0;
   const std::string* domain = nullptr;  // of the session of `leg`
 };
@@ -176,28 +176,39 @@ void ConntrackStats::parse_batch() {
   std::array<nfconntrack_ends_t, batch_size> ends;
   for (std::size_t i = 0; i < count; ++i)
     ends[i] = nfconntrack_get_ends(batch_[i].get());
-  const ZOLSessions& sessions = data->sessions;
-  std::for_each_n(ends.begin(), count, [&sessions](const auto& one) { sessions.prefetch(one); });
-  std::array<const SessionInfo*, batch_size> found;
-  std::transform(ends.begin(), ends.begin() + count, found.begin(),
-                 [&sessions](const auto& one) { return sessions.touch(one); });
-  std::for_each_n(found.begin(), count, [](const auto* one) { ZOLSessions::touch_texts(one); });
+  std::array<FoundLeg, batch_size> legs;
+  if (!ignore_query && !first_time)
+    find_sessions(std::span(ends).first(count), legs);
   for (std::size_t i = 0; i < count; ++i) {
     const NfctHandle ct = std::move(batch_[i]);
     try {
-      parse(ct.get(), ends[i]);
+      parse(ct.get(), ends[i], legs[i]);
     } catch (const std::exception& failure) {
       SUP_LOG(logger(), log_level::error) << "dump_cb: " << failure.what();
     }
   }
 }
 
+// Counting leaves the table's entries where they are, so that what is found first stays good for all of them.
+void ConntrackStats::find_sessions(std::span<const nfconntrack_ends_t> ends, std::span<FoundLeg> legs) const {
+  ZOLSessions& sessions = data->sessions;
+  for (const nfconntrack_ends_t& one : ends)
+    sessions.prefetch(one);
+  for (std::size_t i = 0; i < ends.size(); ++i) {
+    legs[i] = sessions.find(ends[i]);
+    ZOLSessions::prefetch(legs[i]);
+  }
+  for (std::size_t i = 0; i < ends.size(); ++i)
+    ZOLSessions::prefetch_texts(legs[i]);
+}
+
 int ConntrackStats::dump_parser(nf_conntrack_msg_type, nf_conntrack* ct) {
-  parse(ct, nfconntrack_get_ends(ct));
+  const nfconntrack_ends_t ends = nfconntrack_get_ends(ct);
+  parse(ct, ends, data->sessions.find(ends));
   return NFCT_CB_CONTINUE;
 }
 
-void ConntrackStats::parse(nf_conntrack* ct, const nfconntrack_ends_t& ends) {
+void ConntrackStats::parse(nf_conntrack* ct, const nfconntrack_ends_t& ends, const FoundLeg& leg) {
   SUP_LOG(logger(), log_level::debug)
       << "dump_parser"
       << " " << (first_time ? "[first time]" : "") << (ignore_query ? "[ignoring query]" : "") << " "
@@ -208,7 +219,7 @@ void ConntrackStats::parse(nf_conntrack* ct, const nfconntrack_ends_t& ends) {
     parse_non_tcp(ct);
     return;
   }
-  CountedFlow flow = {.protonum = protonum, .mark = mark, .ends = ends};
+  CountedFlow flow = {.protonum = protonum, .mark = mark, .ends = ends, .leg = leg};
   if (is_countable(ct, flow))
     parse_marked(ct, flow);
 }
@@ -294,7 +305,6 @@ void ConntrackStats::classify(const nf_conntrack* ct, CountedFlow& flow) const {
   flow.reversed = conntrack_mark::is_io_reversed(flow.mark);
   // An Out leg's tx is what this node sent onward.
   counters_dump_parser(&flow.counters, (flow.m & conntrack_mark::out_bit) != 0, ct);
-  flow.leg = data->sessions.find(flow.ends);
   flow.domain = &ZOLSessions::get_user_identification(flow.leg, flow.ends, flow.client);
 }
 

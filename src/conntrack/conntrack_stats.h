@@ -15,6 +15,7 @@
 #include <array>
 #include <cstdint>
 #include <map>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -30,6 +31,7 @@ namespace zol_monitor {
 
 class ConntrackStatesManager;
 class MonitorData;
+struct FoundLeg;
 struct nfconntrack_ends_t;
 
 class ConntrackStats {
@@ -153,7 +155,8 @@ class ConntrackStats {
 
   bool query_kernel();
   void parse_batch();
-  void parse(nf_conntrack* ct, const nfconntrack_ends_t& ends);
+  void find_sessions(std::span<const nfconntrack_ends_t> ends, std::span<FoundLeg> legs) const;
+  void parse(nf_conntrack* ct, const nfconntrack_ends_t& ends, const FoundLeg& leg);
   void drain_ended_connections();
   void publish_totals() const;
 

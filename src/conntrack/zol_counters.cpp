@@ -1,6 +1,7 @@
 #include "conntrack/zol_counters.h"
 
 #include <algorithm>
+#include <array>
 
 #include "config/address_text.h"
 #include "config/services.h"
@@ -36,8 +37,11 @@ int protocol_row(ProtocolIndex p) {
   return static_cast<int>(p);
 }
 
+// The index only ever changes for a nibble without a role, which its look-up inserts.
 int mark_row(std::uint8_t mark) {
-  return mark_index()[mark & 3];
+  static const std::array<int, 4> rows = {0, mark_index()[1], mark_index()[2], mark_index()[3]};
+  const int role = mark & 3;
+  return role != 0 ? rows[static_cast<std::size_t>(role)] : mark_index()[0];
 }
 
 std::uint32_t sides_as_one(const std::uint32_t (&connections)[EntityCounters::mark_rows]) {

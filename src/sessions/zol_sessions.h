@@ -46,6 +46,14 @@ using SessionPtr = std::shared_ptr<SessionInfo>;
 using LegMap = absl::flat_hash_map<std::uint64_t, SessionPtr, LegKeyHash>;
 using OutLegMap = absl::flat_hash_map<std::uint64_t, LegMap, LegKeyHash>;
 
+// One end of a tracked connection, the peer of a leg.
+struct LegPeer {
+  bool is_known() const { return address != 0 && port != 0; }
+
+  std::uint32_t address;
+  std::uint16_t port;
+};
+
 // Where a tracked connection stands in the table.
 struct LegPlace {
   SessionEndpointInfo* endpoint = nullptr;  // in_info or out_info of the session found
@@ -58,8 +66,8 @@ struct LegPlace {
 struct FoundLeg {
   explicit operator bool() const { return session != nullptr; }
 
-  SessionPtr session;
-  LegPlace place;  // meaningless without a session
+  SessionInfo* session = nullptr;  // the table's
+  LegPlace place;                  // meaningless without a session
 };
 
 // Sessions whose target failed, by what this node is to them.
@@ -94,15 +102,14 @@ class ZOLSessions {
   // The session of a tracked connection, whichever way the connection runs.
   SessionPtr get(const nf_conntrack* ct, LegPlace* place = nullptr);
   SessionPtr get(const nfconntrack_ends_t& ends, LegPlace* place);
-  // Bring into the cache what find() and the counting of a connection will read, first of the table, then of
-  // the session, then of its texts. For who looks several connections up: with each step done for all of
-  // them, the processor waits for their memory at once and not for one after the other. touch() gives the
-  // session, or null, valid until the table changes.
-  void prefetch(const nfconntrack_ends_t& ends) const;
-  const SessionInfo* touch(const nfconntrack_ends_t& ends) const;
-  static void touch_texts(const SessionInfo* session);
   // The same as get(), for who does several of the things below with one connection and looks it up once.
   FoundLeg find(const nfconntrack_ends_t& ends);
+  // Bring into the cache what find() will read, then what counting will of the session, then of its texts.
+  // For who looks several connections up: with each step done for all of them, the processor waits for their
+  // memory at once and not for one after the other.
+  void prefetch(const nfconntrack_ends_t& ends) const;
+  static void prefetch(const FoundLeg& leg);
+  static void prefetch_texts(const FoundLeg& leg);
   // The session of an IPC message: by its keys when they point at that uuid, else by the uuid.
   SessionPtr get(std::uint32_t address1, std::uint16_t port1, std::uint32_t address2, std::uint16_t port2,
                  const unsigned char* uuid);
@@ -203,6 +210,12 @@ class ZOLSessions {
   ISessionsEvents* listener = nullptr;  // not owned
 
  private:
+  // The table's own pointer, null when nothing is found.
+  static const SessionPtr* look_up(std::uint64_t key, LegMap& map, LegMap::iterator& node);
+  static const SessionPtr* look_up(const LegPeer& peer, LegMap& map, LegMap::iterator& node);
+  const SessionPtr* look_up_outbound(const LegPeer& first, const LegPeer& second, LegPlace& place);
+  const SessionPtr* look_up(const nfconntrack_ends_t& ends, LegPlace& place);
+
   SessionPtr create(const unsigned char* uuid, std::uint32_t client_address, std::uint16_t client_port);
   void note_failopen(SessionInfo& session, bool recover);
   void set_info_in(const SessionPtr& session, std::uint32_t address, std::uint16_t port,

@@ -17,58 +17,88 @@ void log_look_up(const char* outcome, std::uint64_t key, const LegMap& map) {
       << " map: " << static_cast<const void*>(&map);
 }
 
-// What a reading of the connection table reads and writes of a session.
-const SessionInfo* fetch(const SessionInfo& session, const SessionEndpointInfo& leg) {
-  const void* const parts[] = {&session.client_ip, &leg.termination_reason, &leg.outgoing_bytes,
-                               &session.network_id, &session.domain_name};
-  for (const void* part : parts)
-    __builtin_prefetch(part, 1);
-  return &session;
+SessionPtr copy_of(const SessionPtr* found) {
+  return found != nullptr ? *found : nullptr;
 }
-
-// One end of a tracked connection.
-struct Peer {
-  std::uint32_t address;
-  std::uint16_t port;
-};
 
 }  // namespace
 
-SessionPtr ZOLSessions::get(std::uint64_t key, LegMap& map, LegMap::iterator* node) {
-  const auto found = map.find(key);
-  if (node != nullptr)
-    *node = found;
-  if (found == map.end()) {
-    log_look_up(": Couldn't get ", key, map);
+const SessionPtr* ZOLSessions::look_up(std::uint64_t key, LegMap& map, LegMap::iterator& node) {
+  node = map.find(key);
+  const bool found = node != map.end();
+  log_look_up(found ? ": Got " : ": Couldn't get ", key, map);
+  return found ? &node->second : nullptr;
+}
+
+const SessionPtr* ZOLSessions::look_up(const LegPeer& peer, LegMap& map, LegMap::iterator& node) {
+  return peer.is_known() ? look_up(leg_key(peer.address, peer.port), map, node) : nullptr;
+}
+
+const SessionPtr* ZOLSessions::look_up_outbound(const LegPeer& first, const LegPeer& second,
+                                                LegPlace& place) {
+  if (!first.is_known() || !second.is_known())
     return nullptr;
+  const auto outer = out_sessions.find(leg_key(first.address, first.port));
+  if (outer == out_sessions.end())
+    return nullptr;
+  LegMap::iterator node;
+  const SessionPtr* session = look_up(second, outer->second, node);
+  if (session != nullptr)
+    place = {&(*session)->out_info, &outer->second, node, outer};
+  return session;
+}
+
+const SessionPtr* ZOLSessions::look_up(const nfconntrack_ends_t& ends, LegPlace& place) {
+  const LegPeer source = {ends.src, ends.sport};
+  const LegPeer target = {ends.dst, ends.dport};
+  for (const LegPeer& peer : {source, target}) {
+    LegMap::iterator node;
+    if (const SessionPtr* session = look_up(peer, in_sessions, node)) {
+      place = {&(*session)->in_info, &in_sessions, node, {}};
+      return session;
+    }
   }
-  log_look_up(": Got ", key, map);
-  return found->second;
+  const std::array<std::array<LegPeer, 2>, 4> pairs = {
+      {{target, target}, {target, source}, {source, target}, {source, source}}};
+  for (const auto& [first, second] : pairs) {
+    if (const SessionPtr* session = look_up_outbound(first, second, place))
+      return session;
+  }
+  return nullptr;
+}
+
+SessionPtr ZOLSessions::get(std::uint64_t key, LegMap& map, LegMap::iterator* node) {
+  LegMap::iterator unused;
+  return copy_of(look_up(key, map, node != nullptr ? *node : unused));
 }
 
 SessionPtr ZOLSessions::get(std::uint32_t address, std::uint16_t port, LegMap& map, LegMap::iterator* node) {
-  if (address == 0 || port == 0)
-    return nullptr;
-  return get(leg_key(address, port), map, node);
+  LegMap::iterator unused;
+  return copy_of(look_up(LegPeer{address, port}, map, node != nullptr ? *node : unused));
 }
 
 SessionPtr ZOLSessions::get_outbound(std::uint32_t first_address, std::uint16_t first_port,
                                      std::uint32_t second_address, std::uint16_t second_port,
                                      LegPlace* place) {
-  if (first_address == 0 || first_port == 0 || second_address == 0 || second_port == 0)
-    return nullptr;
-  const auto outer = out_sessions.find(leg_key(first_address, first_port));
-  if (outer == out_sessions.end())
-    return nullptr;
-  LegMap::iterator node;
-  SessionPtr session = get(second_address, second_port, outer->second, &node);
-  if (session && place != nullptr)
-    *place = {&session->out_info, &outer->second, node, outer};
-  return session;
+  LegPlace unused;
+  return copy_of(look_up_outbound({first_address, first_port}, {second_address, second_port},
+                                  place != nullptr ? *place : unused));
 }
 
 SessionPtr ZOLSessions::get(const nf_conntrack* ct, LegPlace* place) {
   return get(nfconntrack_get_ends(ct), place);
+}
+
+SessionPtr ZOLSessions::get(const nfconntrack_ends_t& ends, LegPlace* place) {
+  LegPlace unused;
+  return copy_of(look_up(ends, place != nullptr ? *place : unused));
+}
+
+FoundLeg ZOLSessions::find(const nfconntrack_ends_t& ends) {
+  FoundLeg leg;
+  if (const SessionPtr* session = look_up(ends, leg.place))
+    leg.session = session->get();
+  return leg;
 }
 
 void ZOLSessions::prefetch(const nfconntrack_ends_t& ends) const {
@@ -76,54 +106,20 @@ void ZOLSessions::prefetch(const nfconntrack_ends_t& ends) const {
   in_sessions.prefetch(leg_key(ends.dst, ends.dport));
 }
 
-const SessionInfo* ZOLSessions::touch(const nfconntrack_ends_t& ends) const {
-  const std::uint64_t source = leg_key(ends.src, ends.sport);
-  const std::uint64_t target = leg_key(ends.dst, ends.dport);
-  auto found = in_sessions.find(source);
-  if (found == in_sessions.end())
-    found = in_sessions.find(target);
-  if (found != in_sessions.end())
-    return fetch(*found->second, found->second->in_info);
-  auto outer = out_sessions.find(target);
-  if (outer == out_sessions.end())
-    outer = out_sessions.find(source);
-  if (outer == out_sessions.end())
-    return nullptr;
-  auto inner = outer->second.find(target);
-  if (inner == outer->second.end())
-    inner = outer->second.find(source);
-  return inner != outer->second.end() ? fetch(*inner->second, inner->second->out_info) : nullptr;
+void ZOLSessions::prefetch(const FoundLeg& leg) {
+  if (!leg)
+    return;
+  const SessionInfo& session = *leg.session;
+  const SessionEndpointInfo& endpoint = *leg.place.endpoint;
+  const void* const parts[] = {&session.client_ip, &endpoint.termination_reason, &endpoint.outgoing_bytes,
+                               &session.network_id, &session.domain_name};
+  for (const void* part : parts)
+    __builtin_prefetch(part, 1);
 }
 
-void ZOLSessions::touch_texts(const SessionInfo* session) {
-  if (session != nullptr)
-    __builtin_prefetch(session->domain_name.data());
-}
-
-FoundLeg ZOLSessions::find(const nfconntrack_ends_t& ends) {
-  FoundLeg leg;
-  leg.session = get(ends, &leg.place);
-  return leg;
-}
-
-SessionPtr ZOLSessions::get(const nfconntrack_ends_t& ends, LegPlace* place) {
-  const Peer source = {ends.src, ends.sport};
-  const Peer target = {ends.dst, ends.dport};
-  for (const Peer& peer : {source, target}) {
-    LegMap::iterator node;
-    if (SessionPtr session = get(peer.address, peer.port, in_sessions, &node)) {
-      if (place != nullptr)
-        *place = {&session->in_info, &in_sessions, node, {}};
-      return session;
-    }
-  }
-  const std::array<std::array<Peer, 2>, 4> pairs = {
-      {{target, target}, {target, source}, {source, target}, {source, source}}};
-  for (const auto& [first, second] : pairs) {
-    if (SessionPtr session = get_outbound(first.address, first.port, second.address, second.port, place))
-      return session;
-  }
-  return nullptr;
+void ZOLSessions::prefetch_texts(const FoundLeg& leg) {
+  if (leg)
+    __builtin_prefetch(leg.session->domain_name.data());
 }
 
 SessionPtr ZOLSessions::get(std::uint32_t address1, std::uint16_t port1, std::uint32_t address2,
