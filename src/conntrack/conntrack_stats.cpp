@@ -4,7 +4,6 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <exception>
 #include <memory>
 #include <sstream>
@@ -204,7 +203,8 @@ void ConntrackStats::find_sessions(std::span<const nfconntrack_ends_t> ends, std
 
 int ConntrackStats::dump_parser(nf_conntrack_msg_type, nf_conntrack* ct) {
   const nfconntrack_ends_t ends = nfconntrack_get_ends(ct);
-  parse(ct, ends, data->sessions.find(ends));
+  const bool may_have_leg = !takes_non_tcp_path(nfconntrack_get_protonum(ct), nfconntrack_get_mark(ct));
+  parse(ct, ends, may_have_leg ? data->sessions.find(ends) : FoundLeg{});
   return NFCT_CB_CONTINUE;
 }
 

@@ -9,7 +9,6 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <memory>
 
 #include "conntrack/conntrack_message.h"

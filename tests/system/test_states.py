@@ -107,7 +107,7 @@ def stop_within_a_reading(node, pid):
         run_and_expect(lambda: process_state(pid), "T")
         if b"dump_parser" in last_lines(200):
             return True
-        os.kill(pid, signal.SIGCONT)  # too late, by one busy machine
+        os.kill(pid, signal.SIGCONT)  # the reading was over before
         return False
 
     run_and_expect(stopped, True)
