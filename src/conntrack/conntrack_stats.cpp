@@ -193,10 +193,10 @@ void ConntrackStats::find_sessions(std::span<const nfconntrack_ends_t> ends, std
   ZOLSessions& sessions = data->sessions;
   for (const nfconntrack_ends_t& one : ends)
     sessions.prefetch(one);
-  for (std::size_t i = 0; i < ends.size(); ++i) {
+  for (std::size_t i = 0; i < ends.size(); ++i)
     legs[i] = sessions.find(ends[i]);
-    ZOLSessions::prefetch(legs[i]);
-  }
+  for (const FoundLeg& leg : legs)
+    ZOLSessions::prefetch(leg);
   for (std::size_t i = 0; i < ends.size(); ++i)
     ZOLSessions::prefetch_texts(legs[i]);
 }

@@ -150,7 +150,7 @@ class ConntrackStats {
  private:
   struct CountedFlow;
   // As many connections as the processor can look up at once: most of a reading is waiting for memory.
-  static constexpr std::size_t batch_size = 16;
+  static constexpr std::size_t batch_size = 64;
   using Network = std::map<std::string, LogicalNetworkCounters>::value_type;
 
   bool query_kernel();
