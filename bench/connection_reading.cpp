@@ -5,6 +5,7 @@
 #include <libnetfilter_conntrack/libnetfilter_conntrack.h>
 #include <libnetfilter_conntrack/libnetfilter_conntrack_tcp.h>
 #include <sched.h>
+#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -121,16 +122,24 @@ std::uint32_t bare_query(nf_conntrack_query kind) {
   return count;
 }
 
+// Spawned as the daemon starts its commands: after a fork, the next reading would pay for every page that it
+// writes.
 void list_table() {
-  const pid_t pid = fork();
-  if (pid == 0) {
-    const int null = open("/dev/null", O_WRONLY);
-    dup2(null, STDOUT_FILENO);
-    dup2(null, STDERR_FILENO);
-    execlp("conntrack", "conntrack", "-L", static_cast<char*>(nullptr));
-    _exit(127);
+  posix_spawn_file_actions_t quiet;
+  posix_spawn_file_actions_init(&quiet);
+  posix_spawn_file_actions_addopen(&quiet, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_adddup2(&quiet, STDOUT_FILENO, STDERR_FILENO);
+  std::string name = "conntrack";
+  std::string list = "-L";
+  char* const arguments[] = {name.data(), list.data(), nullptr};
+  pid_t pid = 0;
+  int status = 1;
+  if (posix_spawnp(&pid, name.c_str(), &quiet, nullptr, arguments, environ) != 0 ||
+      waitpid(pid, &status, 0) != pid || status != 0) {
+    std::perror("conntrack -L");
+    std::exit(1);
   }
-  waitpid(pid, nullptr, 0);
+  posix_spawn_file_actions_destroy(&quiet);
 }
 
 // Processor time, of this process and of its children: what else the machine does moves it least.
