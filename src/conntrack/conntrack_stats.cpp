@@ -189,6 +189,7 @@ void ConntrackStats::parse_batch() {
 }
 
 // Counting leaves the table's entries where they are, so that what is found first stays good for all of them.
+// Each step is done for the whole batch before the next one: so they wait for memory together.
 void ConntrackStats::find_sessions(std::span<const nfconntrack_ends_t> ends, std::span<FoundLeg> legs) const {
   ZOLSessions& sessions = data->sessions;
   for (const nfconntrack_ends_t& one : ends)
@@ -197,8 +198,8 @@ void ConntrackStats::find_sessions(std::span<const nfconntrack_ends_t> ends, std
     legs[i] = sessions.find(ends[i]);
   for (const FoundLeg& leg : legs)
     ZOLSessions::prefetch(leg);
-  for (std::size_t i = 0; i < ends.size(); ++i)
-    ZOLSessions::prefetch_texts(legs[i]);
+  for (const FoundLeg& leg : legs)
+    ZOLSessions::prefetch_texts(leg);
 }
 
 int ConntrackStats::dump_parser(nf_conntrack_msg_type, nf_conntrack* ct) {
