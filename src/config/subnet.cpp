@@ -13,20 +13,13 @@ namespace zol {
 
 namespace {
 
-constexpr int address_bits = 32;
-
 SupLogger& logger() {
   static SupLogger& l = SupLogger::get_instance("Subnet");
   return l;
 }
 
-// The lowest address of the subnet of that length, 1 to 32, around an address in host order.
-std::uint32_t first_of(std::uint32_t ip, int length) {
-  return ip & (0xffffffffu << (address_bits - length));
-}
-
 void check_length(int length, int shortest) {
-  if (length < shortest || length > address_bits)
+  if (length < shortest || length > ipv4_bits)
     throw std::runtime_error("bad subnet prefix: " + std::to_string(length));
 }
 
@@ -34,7 +27,7 @@ void check_length(int length, int shortest) {
 int parse_length(const std::string& text, const std::string& digits, bool wide) {
   char* end = nullptr;
   const long length = std::strtol(digits.c_str(), &end, 10);
-  if (length < 0 || length > address_bits)
+  if (length < 0 || length > ipv4_bits)
     throw std::runtime_error("bad subnet format2: " + text);
   if (length == 0 && (!wide || end == digits.c_str()))
     throw std::runtime_error("bad subnet format3: " + text);
@@ -53,7 +46,7 @@ Subnet::Subnet(const std::string& text) {
   in_addr ip{};
   inet_aton(address.c_str(), &ip);
   prefix =
-      slash == std::string::npos ? address_bits : parse_length(text, text.substr(slash + 1), ip.s_addr == 0);
+      slash == std::string::npos ? ipv4_bits : parse_length(text, text.substr(slash + 1), ip.s_addr == 0);
   init(ip.s_addr);
 }
 
@@ -66,13 +59,8 @@ Subnet::Subnet(unsigned int first_ip, unsigned int last_ip, int length)
     : prefix(length), first(first_ip), last(last_ip) {}
 
 void Subnet::init(unsigned int ip) {
-  if (prefix == 0) {
-    first = 0;
-    last = 0xffffffff;
-    return;
-  }
-  first = first_of(ntohl(ip), prefix);
-  last = first | ~first_of(0xffffffff, prefix);
+  first = first_address(ntohl(ip), prefix);
+  last = first | ~first_address(0xffffffff, prefix);
 }
 
 bool Subnet::is_ip_in_range(unsigned int ip) const {
@@ -112,7 +100,7 @@ const Subnet* SubnetMap::find(unsigned int ip) const {
     const auto& table = tables_[length - 1];
     if (table.empty())
       continue;
-    const auto found = table.find(first_of(address, length));
+    const auto found = table.find(first_address(address, length));
     if (found != table.end())
       return &found->second;
   }

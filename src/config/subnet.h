@@ -11,6 +11,13 @@
 
 namespace zol {
 
+inline constexpr int ipv4_bits = 32;
+
+// The lowest address of the prefix of that length, 0 to 32, around an address in host order.
+inline constexpr std::uint32_t first_address(std::uint32_t address, int length) {
+  return length == 0 ? 0 : address & (0xffffffffu << (ipv4_bits - length));
+}
+
 struct Subnet {
   // An unset subnet.
   Subnet() = default;

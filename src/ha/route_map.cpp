@@ -8,15 +8,8 @@ namespace zol {
 
 namespace {
 
-constexpr int address_bits = 32;
-
-// The lowest address of the prefix of that length, 0 to 32, around an address in host order.
-std::uint32_t first_of(std::uint32_t address, int length) {
-  return length == 0 ? 0 : address & (0xffffffffu << (address_bits - length));
-}
-
 bool has_length(const Subnet& subnet) {
-  return subnet.prefix >= 0 && subnet.prefix <= address_bits;
+  return subnet.prefix >= 0 && subnet.prefix <= ipv4_bits;
 }
 
 }  // namespace
@@ -34,7 +27,8 @@ bool RouteMap::add_route(const Route& route) {
   if (!has_length(route.subnet))
     return false;
   const auto [place, inserted] =
-      own_table(route.subnet.prefix).try_emplace(first_of(route.subnet.first, route.subnet.prefix), route);
+      own_table(route.subnet.prefix)
+          .try_emplace(first_address(route.subnet.first, route.subnet.prefix), route);
   if (inserted)
     return true;
   Route& known = place->second;
@@ -50,7 +44,7 @@ bool RouteMap::del_route(const Route& route) {
   const Route* known = find_exact(route.subnet);
   if (known == nullptr || !known->same_hop(route))
     return false;
-  own_table(route.subnet.prefix).erase(first_of(route.subnet.first, route.subnet.prefix));
+  own_table(route.subnet.prefix).erase(first_address(route.subnet.first, route.subnet.prefix));
   return true;
 }
 
@@ -60,7 +54,7 @@ const Route* RouteMap::find_exact(const Subnet& subnet) const {
   const auto& table = tables_[static_cast<std::size_t>(subnet.prefix)];
   if (!table)
     return nullptr;
-  const auto found = table->find(first_of(subnet.first, subnet.prefix));
+  const auto found = table->find(first_address(subnet.first, subnet.prefix));
   return found == table->end() ? nullptr : &found->second;
 }
 
@@ -70,7 +64,7 @@ std::vector<Route> RouteMap::find(unsigned address) const {
     const auto& table = tables_[static_cast<std::size_t>(length)];
     if (!table)
       continue;
-    const auto found = table->find(first_of(wanted, length));
+    const auto found = table->find(first_address(wanted, length));
     if (found != table->end())
       return {found->second};
   }

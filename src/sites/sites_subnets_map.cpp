@@ -13,11 +13,6 @@ constexpr std::size_t fewest_buckets = 2;
 constexpr std::size_t most_on_average = 4;
 constexpr std::uint32_t golden_ratio = 0x9e3779b1;  // spreads addresses that differ in a few bits
 
-// The first address, in host order, of the subnet of that length around an address in host order.
-std::uint32_t first_of(std::uint32_t address, int length) {
-  return length == 0 ? 0 : address & (0xffffffffu << (32 - length));
-}
-
 std::uint32_t first_octet(std::uint32_t address) {
   return address >> 24;
 }
@@ -98,7 +93,7 @@ const SiteSubnet* SitesSubnetsMap::look_up(std::uint32_t address) const {
   const std::uint32_t host_order = ntohl(address);
   for (std::uint64_t lengths = lengths_[first_octet(host_order)]; lengths != 0;) {
     const int length = std::bit_width(lengths) - 1;
-    if (const SiteSubnet* found = tables_[length].find(first_of(host_order, length)))
+    if (const SiteSubnet* found = tables_[length].find(first_address(host_order, length)))
       return found;
     lengths ^= std::uint64_t{1} << length;
   }
