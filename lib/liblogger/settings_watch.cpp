@@ -68,9 +68,7 @@ void SettingsWatch::read_changes() {
       const char* name = buffer + at + sizeof(change);
       if ((change.mask & IN_IGNORED) != 0 && change.wd == watch_)
         watch_ = -1;  // the folder is gone
-      else if ((change.mask & IN_Q_OVERFLOW) != 0)
-        seen = true;
-      else if (change.wd == watch_ && change.len > 0 && name_ == name)
+      else if ((change.mask & IN_Q_OVERFLOW) != 0 || (change.wd == watch_ && change.len > 0 && name_ == name))
         seen = true;
       at += static_cast<ssize_t>(sizeof(change) + change.len);
     }

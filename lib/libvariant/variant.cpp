@@ -220,6 +220,7 @@ bool Variant::Erase(std::string_view key) {
   return IsMap() && payload_.map->erase(key);
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): its entries are taken out
 void Variant::Merge(Variant other) {
   if (other.IsMap() && become_map())
     payload_.map->merge(*other.payload_.map);

@@ -62,7 +62,7 @@ namespace zol {
 
 namespace {
 
-constexpr std::size_t max_text = 1024 * 1024;
+constexpr std::size_t max_text = std::size_t{1024} * 1024;
 
 }  // namespace
 

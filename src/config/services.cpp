@@ -64,7 +64,7 @@ Services::Services(bool write_shared, bool watch) : writes_shm(write_shared), wa
     if (DualZOLHelper::instance()->zol_is_running())
       restore_historical();
     if (watch_reconf)
-      reconfigure();
+      Services::reconfigure();
     else
       read_conf();
   } catch (...) {

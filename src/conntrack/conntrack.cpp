@@ -164,7 +164,7 @@ void ConntrackEvents::stop() {
 }
 
 void ConntrackEvents::reconfigure() {
-  ConntrackStats(data, true, reconfigured);  // the first primes the memory of counters
+  const ConntrackStats first_primes_the_memory(data, true, reconfigured);
   reconfigured = true;
   zol::ZOLNetworks::instance();
 }

@@ -131,7 +131,8 @@ int Executor::spawn(bool use_vfork, const Launch& launch) const {
   sigset_t before;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &before);
-  const pid_t child = use_vfork ? vfork() : fork();  // NOLINT(clang-analyzer-security.insecureAPI.vfork)
+  // NOLINTNEXTLINE(clang-analyzer-security.insecureAPI.vfork, clang-analyzer-unix.Vfork)
+  const pid_t child = use_vfork ? vfork() : fork();
   if (child == 0)
     run_child(launch);
   pthread_sigmask(SIG_SETMASK, &before, nullptr);

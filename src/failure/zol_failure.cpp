@@ -71,6 +71,7 @@ void add_once(std::vector<T*>& listeners, T* listener) {
 
 template <typename T, typename Visit>
 void for_each_listener(const std::vector<T*>& listeners, Visit&& visit) {
+  // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): a visit may change the list
   const std::vector<T*> all = listeners;
   for (T* listener : all)
     if (holds(listeners, listener))
@@ -125,6 +126,7 @@ void ZOLFailure::set_ha_agent(HAAgentDriver* driver) {
   ha_agent = driver;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): as the other processes of the node call it
 void ZOLFailure::notify(std::string address, unsigned short port, bool count, bool dns) {
   if (!TheConfigurator::is_adj_zol(port)) {
     SUP_LOG(logger(), log_level::notice) << "Failure notification on non adjacent ZOL. ignoring";

@@ -223,6 +223,7 @@ bool HQSHttpClient::init_post_request_async(const std::string& url, const std::s
 bool HQSHttpClient::gzip_body(const std::string& plain, std::string& zipped) const {
   unsigned char* bytes = nullptr;
   long size = 0;
+  // NOLINTNEXTLINE(readability-redundant-string-cstr): ends at the NUL
   const bool done = Helper::gzip_buffer(plain.c_str(), gzip_level, &bytes, size);
   const std::unique_ptr<unsigned char[]> owner(bytes);
   if (!done) {

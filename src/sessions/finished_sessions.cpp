@@ -74,10 +74,10 @@ void FinishedSessionsInfo::insert_session(const std::shared_ptr<SessionInfo>& se
     ++ignored_count;
     return;
   }
-  std::string session_id = uuid_text(session->session_id);
+  const std::string session_id = uuid_text(session->session_id);
   verify_session_info(session, session_id);
   libvariant::Variant record =
-      make_session_record(*this, *session, std::move(session_id), services, next_hop, next_hop_cname);
+      make_session_record(*this, *session, session_id, services, next_hop, next_hop_cname);
   ++reported_count;
   sessions.Append(std::move(record));
 }

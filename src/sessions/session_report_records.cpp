@@ -119,10 +119,10 @@ const char* non_tcp_direction(const NonTCPSessionInfo& session) {
 }  // namespace
 
 Variant make_session_record(const FinishedSessionsInfo& finished, const SessionInfo& session,
-                            std::string session_id, zol::Services* services, const std::string& next_hop,
-                            const std::string& next_hop_cname) {
+                            const std::string& session_id, zol::Services* services,
+                            const std::string& next_hop, const std::string& next_hop_cname) {
   Variant record = Variant::make_map(record_keys);
-  record.Add("session_id", std::move(session_id));
+  record.Add("session_id", session_id);
   record.Add("ip_proto", tcp_protocol);
   record.Add("direction", site_direction(session));
   add_next_hop(record, session, services, next_hop, next_hop_cname);

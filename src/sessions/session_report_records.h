@@ -16,7 +16,7 @@ class FinishedSessionsInfo;
 
 // The legs stand as the session's pointers say: a reversed session reports them swapped.
 libvariant::Variant make_session_record(const FinishedSessionsInfo& finished, const SessionInfo& session,
-                                        std::string session_id, zol::Services* services,
+                                        const std::string& session_id, zol::Services* services,
                                         const std::string& next_hop, const std::string& next_hop_cname);
 
 // Both legs carry the same byte count, since a non-TCP flow has one counter.

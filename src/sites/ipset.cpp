@@ -72,7 +72,7 @@ std::string IPSet::reload_cmd() const {
     if (!element)
       SUP_LOG(logger(), log_level::error) << "reload_cmd: " << name << " can't hold '" << address << "'";
     else if (written.insert(*element).second)
-      lines += "add " + filled + " " + address + "\n";
+      lines.append("add ").append(filled).append(" ").append(address).append("\n");
   }
   return lines + "swap " + filled + " " + name + "\ndestroy " + filled + "\n";
 }

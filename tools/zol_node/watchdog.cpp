@@ -106,7 +106,7 @@ void Watchdog::make_records() {
   records_.meds = zol_utils::create_shared_record<zol_utils::tunnel_med_results_t>(version);
   records_.latencies = zol_utils::create_shared_record<zol_utils::tunnel_monitoring_results_t>(version);
   records_.vrrp = zol_utils::create_shared_record<zol_utils::vrrp_status_t>(version);
-  EventLine("records");
+  const EventLine told("records");
 }
 
 void Watchdog::drop_records() {
@@ -137,7 +137,7 @@ void Watchdog::stop() {
     return;
   stopping_ = true;
   evtimer_del(missed_.get());
-  EventLine("stopping");
+  { const EventLine told("stopping"); }
   if (child_ <= 0) {
     event_base_loopbreak(base_);
     return;

@@ -9,7 +9,7 @@ namespace standin {
 
 namespace {
 
-constexpr std::size_t largest_head = 64 * 1024;
+constexpr std::size_t largest_head = std::size_t{64} * 1024;
 constexpr std::size_t longest_method = 32;
 
 std::string_view trim(std::string_view text) {

@@ -14,7 +14,8 @@ namespace standin {
 
 namespace {
 
-constexpr std::size_t most_queued = 256 * 1024;  // then the other side isn't read until it has drained
+// Then the other side isn't read until it has drained.
+constexpr std::size_t most_queued = std::size_t{256} * 1024;
 
 struct Lookup {
   std::weak_ptr<Session> session;

@@ -10,7 +10,7 @@ namespace standin {
 
 namespace {
 
-constexpr std::size_t largest_hello = 64 * 1024;
+constexpr std::size_t largest_hello = std::size_t{64} * 1024;
 constexpr std::size_t record_header = 5;
 constexpr unsigned handshake_record = 22;
 constexpr unsigned client_hello = 1;
