@@ -50,7 +50,7 @@ struct nfconntrack_stats_t {
   std::uint64_t bytes;
 };
 
-// Both ends in the session's direction; what the four accessors below give, at half their cost.
+// Both ends in the session's direction: what the four accessors below give.
 struct nfconntrack_ends_t {
   std::uint32_t src;
   std::uint32_t dst;
