@@ -229,14 +229,23 @@ int ConntrackEvents::handle_connection(NfctHandle ct, bool deleted) {
       SUP_LOG(logger(), log_level::trace) << "event_parser_cb"
                                           << ": Deleting " << ConntrackStats::debug_dump(ct.get(), data);
       data->sessions.erase(ct.get());
-      if (data->states_manager != nullptr && data->states_manager->is_enabled())
-        data->states_manager->delete_state(ct.get());
+      forget_counters(ct.get());
     }
     return result;
   }
-  if (is_gxe && deleted && nfconntrack_get_protonum(ct.get()) != IPPROTO_TCP)
-    NoneTcpNFCTContainer::instance().push(std::move(ct));
+  if (!deleted)
+    return MNL_CB_OK;
+  if (!is_gxe || nfconntrack_get_protonum(ct.get()) == IPPROTO_TCP)
+    forget_counters(ct.get());
+  else if (const NfctHandle uncounted = NoneTcpNFCTContainer::instance().push(std::move(ct)))
+    forget_counters(uncounted.get());
   return MNL_CB_OK;
+}
+
+// A reading remembers more connections than it counts.
+void ConntrackEvents::forget_counters(const nf_conntrack* ct) {
+  if (data->states_manager != nullptr && data->states_manager->is_enabled())
+    data->states_manager->delete_state(ct);
 }
 
 int ConntrackEvents::event_parser(const nf_conntrack* ct) {

@@ -109,6 +109,7 @@ class ConntrackEvents : public zol::IReconfigure {
   bool open_socket();
   void read_event();
   int handle_connection(NfctHandle ct, bool deleted);
+  void forget_counters(const nf_conntrack* ct);
   int event_parser(const nf_conntrack* ct);
   void detect_new_connections(const nf_conntrack* ct, const nfconntrack_ends_t& ends, const FoundLeg& leg);
   void count_new_connection(std::uint8_t protonum);

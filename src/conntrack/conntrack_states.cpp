@@ -163,7 +163,8 @@ void ConntrackStatesManager::drop_entries() {
 
 void ConntrackStatesManager::take_entries(zol_utils::ConntrackStates& record) {
   for (ConntrackEntry& entry : record.entries) {
-    if (entry.id[0] != 0 && !states.try_emplace(std::string(id_of(entry)), ct_state_t{&entry, false}).second)
+    if (entry.id[0] != 0 &&
+        !states.try_emplace(std::string(id_of(entry)), ct_state_t{&entry, false, reading_}).second)
       entry.id[0] = 0;  // a second entry of one connection, of a file that was cut
     if (entry.id[0] == 0)
       free_entries.push_back(&entry);
@@ -178,18 +179,35 @@ void ConntrackStatesManager::read_ct_states() {
     SUP_LOG(logger(), log_level::debug)
         << "Successfully read " << states.size() << " ct states from shared memory";
   }
-  { const ConntrackStats meets_every_connection(data, true, false); }
-  delete_non_existing_states();
+  const ConntrackStats meets_every_connection(data, true, false);
+  if (meets_every_connection.is_complete)
+    delete_non_existing_states();
+  else
+    SUP_LOG(logger(), log_level::warning)
+        << "read_ct_states"
+        << ": The connection table couldn't be read, keeping the states of connections that may be gone";
+}
+
+template <typename F>
+void ConntrackStatesManager::free_states_if(const char* caller, F&& is_gone) {
+  with_states(caller, [&](auto&) {
+    for (auto state = states.begin(); state != states.end();)
+      state = is_gone(state->second) ? free_state(state) : std::next(state);
+  });
 }
 
 void ConntrackStatesManager::delete_non_existing_states() {
-  with_states("delete_non_existing_states", [this](auto&) {
-    for (auto state = states.begin(); state != states.end();)
-      state = state->second.seen ? std::next(state) : free_state(state);
-  });
+  free_states_if("delete_non_existing_states", [](const ct_state_t& state) { return !state.seen; });
   SUP_LOG(logger(), log_level::debug)
       << "delete_non_existing_states"
       << ": There are " << states.size() << " existing connections on startup";
+}
+
+void ConntrackStatesManager::end_reading() {
+  if (has_entries_ && free_entries.empty())
+    free_states_if("end_reading",
+                   [this](const ct_state_t& state) { return reading_ - state.last_reading > 1; });
+  ++reading_;
 }
 
 // Under the lock.
@@ -248,6 +266,7 @@ void ConntrackStatesManager::update_entry(nf_conntrack* ct, ct_state_t& state, s
                                           bool first_time) {
   ConntrackEntry& entry = *state.entry;
   state.seen = true;
+  state.last_reading = reading_;
   SUP_LOG(logger(), log_level::trace)
       << "Update existing ct state entry: " << static_cast<const void*>(&entry) << " with id " << id;
   SUP_LOG(logger(), log_level::trace)
@@ -259,7 +278,7 @@ void ConntrackStatesManager::update_entry(nf_conntrack* ct, ct_state_t& state, s
 
 void ConntrackStatesManager::add_entry(nf_conntrack* ct, std::string_view id, bool first_time) {
   ConntrackEntry& entry = *free_entries.front();
-  states.try_emplace(std::string(id), ct_state_t{&entry, true});
+  states.try_emplace(std::string(id), ct_state_t{&entry, true, reading_});
   free_entries.pop_front();
   entry = {};
   std::copy(id.begin(), id.end(), entry.id);

@@ -7,16 +7,18 @@
 // on an orderly stop it also goes to a file in /tmp whose name carries the daemon's version.
 //
 // Entries are read and written under the record's lock, which guards against the other instance of the daemon
-// during an upgrade; a dump takes it several times a connection, and nothing scans the record but start() and
-// what follows it. When the record can't be had, the operation fails with an error line, and the connection
-// goes on with its absolute counters. The first failure waits for the lock, those that follow it don't, so
-// that a record that somebody sits on doesn't hold up a dump at each connection.
+// during an upgrade; a dump takes it several times a connection. The record is scanned when the memory starts
+// or stops, and when a record that wasn't there comes; a dump scans nothing unless the memory is full. When
+// the record can't be had, the operation fails with an error line, and the connection goes on with its
+// absolute counters. The first failure waits for the lock, those that follow it don't, so that a record that
+// somebody sits on doesn't hold up a dump at each connection.
 //
 // At most 100000 connections are remembered; each one beyond counts as if new at each dump, with a warning.
 // Main thread only.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <list>
 #include <string>
@@ -40,6 +42,7 @@ class MonitorData;
 struct ct_state_t {
   zol_utils::ConntrackEntry* entry = nullptr;  // in the shared record
   bool seen = false;                           // the connection was met since the record was read
+  std::uint32_t last_reading = 0;              // the one that met it last, by ConntrackStatesManager's count
 };
 
 // Looks a text key up without making a string of it.
@@ -92,9 +95,13 @@ class ConntrackStatesManager : public zol::IReconfigure {
   void delete_state(const nf_conntrack* ct);
   // Drops the entries of connections that weren't met since the record was read.
   void delete_non_existing_states();
+  // A reading that met every connection of the table is over. When the memory is full, it drops what two such
+  // readings in a row haven't met: the ends of these connections were among the events that the kernel had no
+  // room for. One reading isn't enough, since the event of an end may still be on its way.
+  void end_reading();
 
   // Takes the entries over from the record, then reads the connection table once without counting, and drops
-  // what isn't there any more.
+  // what isn't there any more, unless the table couldn't be read to its end.
   void read_ct_states();
   // The file is removed after it was read. One of another size is read as far as it goes, in whole entries;
   // one that isn't this user's regular file isn't opened.
@@ -117,9 +124,12 @@ class ConntrackStatesManager : public zol::IReconfigure {
   bool update_ct_counters_internal(nf_conntrack* ct, bool first_time, bool& is_known);
   void update_entry(nf_conntrack* ct, ct_state_t& state, std::string_view id, bool first_time);
   void add_entry(nf_conntrack* ct, std::string_view id, bool first_time);
+  template <typename F>
+  void free_states_if(const char* caller, F&& is_gone);
   StateMap::iterator free_state(StateMap::iterator state);
   StateMap::iterator erase_ct_state(StateMap::iterator state);
 
+  std::uint32_t reading_ = 0;    // how many have ended
   bool has_entries_ = false;     // the record was read
   bool is_lock_patient_ = true;  // the last access got the lock
 };

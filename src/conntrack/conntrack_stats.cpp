@@ -89,6 +89,8 @@ void ConntrackStats::read_conntrack_dump() {
     return;
   drain_ended_connections();
   publish_totals();
+  if (ConntrackStatesManager* memory = is_complete ? states() : nullptr)
+    memory->end_reading();
 }
 
 bool ConntrackStats::query_kernel() {
@@ -111,7 +113,8 @@ bool ConntrackStats::query_kernel() {
   const bool keep_counters = states() != nullptr || first_time;
   if (!keep_counters)
     fit_dump_pieces(table.get(), filter.get());
-  nfct_query(table.get(), keep_counters ? NFCT_Q_DUMP_FILTER : NFCT_Q_DUMP_FILTER_RESET, filter.get());
+  const auto query = keep_counters ? NFCT_Q_DUMP_FILTER : NFCT_Q_DUMP_FILTER_RESET;
+  is_complete = nfct_query(table.get(), query, filter.get()) == 0;
   parse_batch();
   return true;
 }
@@ -169,7 +172,6 @@ int ConntrackStats::dump_cb(nf_conntrack_msg_type, nf_conntrack* ct, void* self)
   return NFCT_CB_STOLEN;
 }
 
-// An exception mustn't pass through the library's frames: it is logged and costs its connection only.
 void ConntrackStats::parse_batch() {
   const std::size_t count = std::exchange(batch_count_, 0);
   std::array<nfconntrack_ends_t, batch_size> ends;
@@ -180,11 +182,7 @@ void ConntrackStats::parse_batch() {
     find_sessions(std::span(ends).first(count), legs);
   for (std::size_t i = 0; i < count; ++i) {
     const NfctHandle ct = std::move(batch_[i]);
-    try {
-      parse(ct.get(), ends[i], legs[i]);
-    } catch (const std::exception& failure) {
-      SUP_LOG(logger(), log_level::error) << "dump_cb: " << failure.what();
-    }
+    parse(ct.get(), ends[i], legs[i]);
   }
 }
 
@@ -209,7 +207,16 @@ int ConntrackStats::dump_parser(nf_conntrack_msg_type, nf_conntrack* ct) {
   return NFCT_CB_CONTINUE;
 }
 
+// An exception mustn't pass through the library's frames: it is logged and costs its connection only.
 void ConntrackStats::parse(nf_conntrack* ct, const nfconntrack_ends_t& ends, const FoundLeg& leg) {
+  try {
+    parse_connection(ct, ends, leg);
+  } catch (const std::exception& failure) {
+    SUP_LOG(logger(), log_level::error) << "dump_parser: " << failure.what();
+  }
+}
+
+void ConntrackStats::parse_connection(nf_conntrack* ct, const nfconntrack_ends_t& ends, const FoundLeg& leg) {
   SUP_LOG(logger(), log_level::debug)
       << "dump_parser"
       << " " << (first_time ? "[first time]" : "") << (ignore_query ? "[ignoring query]" : "") << " "

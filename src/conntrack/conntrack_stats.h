@@ -47,8 +47,8 @@ class ConntrackStats {
 
   void read_conntrack_dump();
   // libnetfilter_conntrack's callback; `self` is a ConntrackStats*, which takes the connection over
-  // (NFCT_CB_STOLEN) and whose dump_parser gets it, in the order of the dump, with the next few or at its
-  // end.
+  // (NFCT_CB_STOLEN) and does with it what dump_parser does, in the order of the dump, together with the next
+  // few or at its end.
   static int dump_cb(nf_conntrack_msg_type type, nf_conntrack* ct, void* self);
   // Takes one connection in; its counters become those since the last reading where these are remembered.
   // Always NFCT_CB_CONTINUE.
@@ -104,7 +104,7 @@ class ConntrackStats {
   bool has_counters(const std::string& id, traffic_dir_t dir);
   bool has_domain_counters(const std::string& id, const std::string& domain, traffic_dir_t dir);
 
-  // These four leave an unknown network unknown, and say false of it.
+  // These four leave an unknown network unknown; those that tell something say false of it.
   bool logical_network_has_traffic(const std::string& id) const;
   bool has_domain_counters(const std::string& id, std::string& out) const;  // the network's first domain
   bool domain_is_zero_traffic(const std::string& id, const std::string& domain);
@@ -132,7 +132,8 @@ class ConntrackStats {
   bool first_time;
   bool is_gxe;  // a middle-mile node
   bool ignore_query;
-  bool is_ucpe;  // this node is a customer's edge
+  bool is_ucpe;              // this node is a customer's edge
+  bool is_complete = false;  // the kernel has told its whole table
 
   // What the last counting dump of the process found, for the periodic report.
   static inline std::uint32_t last_active_sessions = 0;
@@ -157,6 +158,7 @@ class ConntrackStats {
   void parse_batch();
   void find_sessions(std::span<const nfconntrack_ends_t> ends, std::span<FoundLeg> legs) const;
   void parse(nf_conntrack* ct, const nfconntrack_ends_t& ends, const FoundLeg& leg);
+  void parse_connection(nf_conntrack* ct, const nfconntrack_ends_t& ends, const FoundLeg& leg);
   void drain_ended_connections();
   void publish_totals() const;
 

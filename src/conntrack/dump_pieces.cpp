@@ -65,7 +65,7 @@ bool look_at_table(const nfct_filter_dump* filter, unsigned& message_length) {
   for (int i = 0; i < 2; ++i) {
     const ssize_t size = receive_piece(fd, piece, piece.size());
     if (size < 0)
-      return false;
+      return i > 0 && errno == EAGAIN;  // the first piece was the end already: the table is empty
     if (const unsigned length = usual_message_length(piece.data(), static_cast<std::size_t>(size)))
       message_length = length;
   }

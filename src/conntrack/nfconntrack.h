@@ -82,8 +82,8 @@ std::uint32_t nfconntrack_get_id(const nf_conntrack* ct);
 // Turns the counters of this copy, absolute as the kernel gives them, into the difference to the memories,
 // which take the absolute values. When one remembered value is above the connection's, the kernel's counters
 // were reset or the memory is of an earlier connection: the counters then stay, so that all of them are new.
-// The memories are of the kernel's directions, whatever the mark says, so that a mark that changes doesn't
-// mix them up. A counter that the connection lacks is 0 and stays missing.
+// The memories are of the kernel's directions, whatever the mark says. A counter that the connection lacks is
+// 0 and stays missing.
 void nfconntrack_update_counters(nf_conntrack* ct, nfconntrack_stats_t& orig_memory,
                                  nfconntrack_stats_t& repl_memory);
 

@@ -17,16 +17,16 @@ NoneTcpNFCTContainer& NoneTcpNFCTContainer::instance() {
   return container;
 }
 
-void NoneTcpNFCTContainer::push(NfctHandle ct) {
+NfctHandle NoneTcpNFCTContainer::push(NfctHandle ct) {
   connections_.push_back(std::move(ct));
   if (connections_.size() <= most_waiting)
-    return;
-  connections_.pop_front();
+    return nullptr;
   if (!warned_)
     SUP_LOG(SupLogger::get_instance("NoneTcpNFCTContainer"), log_level::warning)
         << "push"
         << ": More than " << most_waiting << " ended connections wait for a report; dropping the oldest";
   warned_ = true;
+  return take_oldest();
 }
 
 NfctHandle NoneTcpNFCTContainer::pop() {
@@ -34,6 +34,10 @@ NfctHandle NoneTcpNFCTContainer::pop() {
     warned_ = false;
     return nullptr;
   }
+  return take_oldest();
+}
+
+NfctHandle NoneTcpNFCTContainer::take_oldest() {
   NfctHandle oldest = std::move(connections_.front());
   connections_.pop_front();
   return oldest;

@@ -26,7 +26,8 @@ class NoneTcpNFCTContainer {
   NoneTcpNFCTContainer(const NoneTcpNFCTContainer&) = delete;
   NoneTcpNFCTContainer& operator=(const NoneTcpNFCTContainer&) = delete;
 
-  void push(NfctHandle ct);
+  // Gives the one that had to go for it, mostly null.
+  NfctHandle push(NfctHandle ct);
   // The oldest; null when there is none.
   NfctHandle pop();
   // Drops, uncounted, what is held.
@@ -34,6 +35,8 @@ class NoneTcpNFCTContainer {
   std::size_t size() const { return connections_.size(); }
 
  private:
+  NfctHandle take_oldest();
+
   std::deque<NfctHandle> connections_;
   bool warned_ = false;
 };

@@ -6,7 +6,7 @@
 // maps of the others. They live in a ConntrackStats and hold the traffic of one reporting interval.
 //
 // Addresses are in network order; `m` is the mark's normalised nibble (nfconntrack.h). Main thread only. A
-// connection costs up to five map look-ups by text and five array additions.
+// connection costs up to four hashed look-ups, one of them by text, and five array additions.
 #pragma once
 
 #include <cstdint>

@@ -55,6 +55,24 @@ TEST_F(StatesTest, ReadTheRecord) {
   EXPECT_EQ(entry(99999).id[0], 0);
 }
 
+// Verifies that a table that can't be read at the start costs no entry: its connections would be counted
+// anew.
+TEST_F(StatesTest, ReadTheRecordWithoutTheTable) {
+  activate();
+  remember(3, "maybe gone", {1, 1}, {1, 1});
+  LogCapture log;
+  {
+    const NoDescriptors none;
+    manager_->read_ct_states();
+  }
+  EXPECT_TRUE(log.contains(log_level::warning,
+                           "read_ct_states: The connection table couldn't be read, keeping the states of "
+                           "connections that may be gone"))
+      << log.all();
+  EXPECT_EQ(manager_->states.count("maybe gone"), 1U);
+  EXPECT_EQ(manager_->free_entries.size(), 99999U);
+}
+
 // Verifies that reading again forgets what the process knew.
 TEST_F(StatesTest, ReadTheRecordAgain) {
   activate();

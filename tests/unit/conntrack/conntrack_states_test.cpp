@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 #include "sup_logger.h"
 #include "tests/unit/conntrack/states_fixture.h"
@@ -62,8 +63,7 @@ INSTANTIATE_TEST_SUITE_P(EachValue, UpdateCountersAbove,
                          testing::Values(Memory{{11, 1}, {1, 1}}, Memory{{1, 1001}, {1, 1}},
                                          Memory{{1, 1}, {21, 1}}, Memory{{1, 1}, {1, 2001}}));
 
-// Verifies that the memories are of the kernel's directions, so that a reversed connection, and a mark that
-// changes, keep their differences apart.
+// Verifies that the memories are of the kernel's directions, whatever the mark says.
 TEST(UpdateCounters, ReversedMark) {
   Flow flow = tcp_flow;
   flow.mark = in_mark | 0x80;
@@ -104,6 +104,15 @@ TEST(ConntrackId, Udp) {
   flow.protonum = IPPROTO_UDP;
   flow.tcp_state = -1;
   EXPECT_EQ(get_conntrack_id(make_counted_ct(flow, {}, {}, 7).get()), "11146433c6010200c000000007");
+}
+
+// Verifies that the id is in the session's direction: of a reversed connection the kernel's target is the
+// source.
+TEST(ConntrackId, Reversed) {
+  Flow flow = tcp_flow;
+  std::swap(flow.source, flow.target);
+  flow.mark = service_mark | 0xa0;
+  EXPECT_EQ(get_conntrack_id(make_counted_ct(flow, {}, {}).get()), tcp_flow_id);
 }
 
 // --- the manager
@@ -189,6 +198,17 @@ TEST_F(StatesTest, FirstTime) {
   ct = read({11, 1100}, {22, 2200});
   expect_stats(nfconntrack_get_orig_stats(ct.get()), 1, 100);
   expect_stats(nfconntrack_get_repl_stats(ct.get()), 2, 200);
+}
+
+// Verifies that a reading that counts nothing leaves what is remembered to the next one.
+TEST_F(StatesTest, FirstTimeOfRemembered) {
+  activate();
+  read({10, 1000}, {20, 2000});
+  read({11, 1100}, {22, 2200}, true);
+  EXPECT_EQ(entry(0).orig_bytes, 1000U);
+  const NfctHandle ct = read({12, 1200}, {24, 2400});
+  expect_stats(nfconntrack_get_orig_stats(ct.get()), 2, 200);
+  expect_stats(nfconntrack_get_repl_stats(ct.get()), 4, 400);
 }
 
 // Verifies that a connection whose remembered bytes are above the current ones counts all of them as new.

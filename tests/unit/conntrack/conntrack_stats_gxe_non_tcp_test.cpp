@@ -1,6 +1,8 @@
 // How the connections of a middle-mile node that aren't TCP reach links, sessions and billing.
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+
 #include "sup_logger.h"
 #include "tests/unit/conntrack/gxe_stats_fixture.h"
 
@@ -28,6 +30,30 @@ TEST_F(GxeStatsTest, NonTcpBothWays) {
   EXPECT_EQ(flows.size(), 2U);
   EXPECT_EQ(flows.count("[17]:10.1.0.1==>10.2.0.1"), 1U);
   EXPECT_EQ(flows.count("[17]:10.2.0.1==>10.1.0.1"), 1U);
+}
+
+// Knows nothing of one address, not even that it is of the world.
+class SitesThatFail : public Sites {
+ public:
+  zol::SiteConnRecord get_site_record(const std::string& ip) override {
+    if (ip == site_b)
+      throw std::runtime_error("no record");
+    return Sites::get_site_record(ip);
+  }
+};
+
+// Verifies that an exception costs the connection that it is about, with an error line, and no other.
+TEST_F(GxeStatsTest, ExceptionCostsOneConnection) {
+  SitesThatFail sites;
+  sites.add(site_a, "a", ConnRecordType::site);
+  data_.site_services = &sites;
+  Reading stats(&data_);
+  LogCapture log;
+  EXPECT_EQ(stats.dump_parser(NFCT_T_UPDATE, connection(site_a, site_b, link_mark).get()), NFCT_CB_CONTINUE);
+  EXPECT_EQ(stats.dump_parser(NFCT_T_UPDATE, connection(site_a, outside, link_mark).get()), NFCT_CB_CONTINUE);
+  EXPECT_TRUE(log.contains(log_level::error, "dump_parser: no record")) << log.all();
+  EXPECT_NE(find(stats, "a#world"), nullptr);
+  data_.site_services = &sites_;
 }
 
 // Verifies that a protocol without ports has the third row.

@@ -9,6 +9,7 @@
 #include "conntrack/none_tcp_nfct_container.h"
 #include "sup_logger.h"
 #include "tests/support/log_capture.h"
+#include "tests/unit/conntrack/intercepted_calls.h"
 #include "tests/unit/conntrack/stats_kernel_fixture.h"
 
 namespace zol_test {
@@ -71,6 +72,7 @@ TEST_F(StatsKernelTest, OnlyIPv4) {
 // Verifies that a table that can't be opened is logged and leaves the reading empty and what waits unread.
 TEST_F(StatsKernelTest, NoHandle) {
   NoneTcpNFCTContainer::instance().push(make_ct(in_connection));
+  ConntrackStats::last_open_sessions = ConntrackStats::last_active_sessions = 7;
   LogCapture log;
   std::unique_ptr<ConntrackStats> stats;
   {
@@ -79,7 +81,44 @@ TEST_F(StatsKernelTest, NoHandle) {
   }
   EXPECT_TRUE(log.contains(log_level::error, "Failed to allocate nf handle")) << log.all();
   EXPECT_TRUE(stats->networks.empty());
+  EXPECT_FALSE(stats->is_complete);
+  EXPECT_EQ(ConntrackStats::last_open_sessions, 7u);
+  EXPECT_EQ(ConntrackStats::last_active_sessions, 7u);
   EXPECT_EQ(NoneTcpNFCTContainer::instance().size(), 1u);
+}
+
+// Verifies that a filter that can't be had is logged, leaves the reading empty and what waits unread, and
+// that the process then knows of no active session.
+TEST_F(StatsKernelTest, NoFilter) {
+  ASSERT_TRUE(table_->create(in_connection));
+  NoneTcpNFCTContainer::instance().push(make_ct(in_connection));
+  ConntrackStats::last_open_sessions = ConntrackStats::last_active_sessions = 7;
+  const NoDumpFilter none;
+  LogCapture log;
+  const ConntrackStats stats(&data_, false, false);
+  EXPECT_TRUE(log.contains(log_level::error,
+                           "Failed to allocate nf filter dump, unable to determine active sessions amount"))
+      << log.all();
+  EXPECT_TRUE(stats.networks.empty());
+  EXPECT_EQ(NoneTcpNFCTContainer::instance().size(), 1u);
+  EXPECT_EQ(ConntrackStats::last_active_sessions, 0u);
+  EXPECT_EQ(ConntrackStats::last_open_sessions, 7u);
+}
+
+// Verifies that a reading's socket takes 18 MiB, as the one of the events does.
+TEST_F(StatsKernelTest, ReceiveBuffer) {
+  constexpr int size = 18 * 1024 * 1024;
+  const int before = count_forced_receive_buffers(size);
+  const ConntrackStats stats(&data_, true, true);
+  EXPECT_EQ(count_forced_receive_buffers(size), before + 1);
+}
+
+// Verifies that a resetting reading of an empty table has nothing to warn of.
+TEST_F(StatsKernelTest, EmptyTable) {
+  LogCapture log;
+  const ConntrackStats stats(&data_, false, false);
+  EXPECT_TRUE(stats.is_complete);
+  EXPECT_EQ(log.count("fit_dump_pieces"), 0) << log.all();
 }
 
 // --- what the reading leaves behind

@@ -18,10 +18,13 @@ namespace zol_test {
 namespace {
 
 using zol_monitor::ConntrackStatesManager;
+using zol_monitor::ConntrackStats;
 using zol_monitor::NoneTcpNFCTContainer;
 
 class StatsMemoryTest : public StatsKernelTest {
  protected:
+  explicit StatsMemoryTest(bool gxe = false) : StatsKernelTest(gxe) {}
+
   void SetUp() override {
     StatsKernelTest::SetUp();
     if (IsSkipped())
@@ -46,9 +49,23 @@ class StatsMemoryTest : public StatsKernelTest {
     zol_utils::shared_object_version = former_version_;
   }
 
+  // The kernel's event of a connection's end, with the id that fed connections have.
+  void end(const Flow& flow) {
+    std::vector<char> message = make_message(flow, true);
+    message.resize(MNL_SOCKET_BUFFER_SIZE);
+    auto* nlh = static_cast<nlmsghdr*>(static_cast<void*>(message.data()));
+    mnl_attr_put_u32(nlh, CTA_ID, htonl(1));
+    EXPECT_EQ(zol_monitor::ConntrackEvents::event_parser_cb(nlh, &events_), MNL_CB_OK);
+  }
+
   std::string former_version_;
   std::unique_ptr<zol_utils::SharedObject<zol_utils::ConntrackStates>> record_;
   std::unique_ptr<ConntrackStatesManager> manager_;
+};
+
+class GxeStatsMemoryTest : public StatsMemoryTest {
+ protected:
+  GxeStatsMemoryTest() : StatsMemoryTest(true) {}
 };
 
 // Verifies that readings see the bytes since the one before and leave the kernel's counters as they are.
@@ -123,24 +140,95 @@ TEST_F(StatsMemoryTest, OtherProtocolsFirstTime) {
   EXPECT_EQ(received(stats), 50u);
 }
 
-// Verifies that a delete event forgets the connection, also one of no session, and that unmarked ones don't
-// reach the memory.
-TEST_F(StatsMemoryTest, DeleteEvent) {
+// Verifies that the event of its end forgets a connection, also one of no session.
+TEST_F(StatsMemoryTest, EndOfConnection) {
   FedStats(&data_).parse(in_connection);
   ASSERT_EQ(manager_->states.size(), 1u);
-  const auto deleted = [this](const Flow& flow) {
-    std::vector<char> message = make_message(flow, true);
-    message.resize(MNL_SOCKET_BUFFER_SIZE);
-    auto* nlh = static_cast<nlmsghdr*>(static_cast<void*>(message.data()));
-    mnl_attr_put_u32(nlh, CTA_ID, htonl(1));
-    return zol_monitor::ConntrackEvents::event_parser_cb(nlh, &events_);
-  };
-  Flow unmarked = in_connection;
-  unmarked.mark = 0;
-  deleted(unmarked);
-  EXPECT_EQ(manager_->states.size(), 1u);
-  deleted(in_connection);
+  end(in_connection);
   EXPECT_TRUE(manager_->states.empty());
+}
+
+// Verifies that what a reading remembers without counting it, an unmarked flow and one between the node and
+// itself, is forgotten too: over the years it would fill the memory.
+TEST_F(StatsMemoryTest, EndOfUncountedConnection) {
+  set_udp_enabled(true);
+  Flow to_itself = udp(in_connection);
+  to_itself.source.address = to_itself.target.address = "127.0.0.1";
+  for (const Flow& flow : {with_mark(udp(in_connection), 0), to_itself}) {
+    FedStats(&data_).parse(flow);
+    ASSERT_EQ(manager_->states.size(), 1u);
+    end(flow);
+    EXPECT_TRUE(manager_->states.empty());
+  }
+}
+
+// Verifies that an end that waits to be counted keeps its entry until the drain, and that one that nobody
+// counted in time gives it back.
+TEST_F(GxeStatsMemoryTest, EndThatWaits) {
+  const Flow flow = with_mark(udp(in_connection), 0);
+  FedStats(&data_).parse(flow);
+  end(flow);
+  EXPECT_EQ(manager_->states.size(), 1u);
+  auto& waiting = NoneTcpNFCTContainer::instance();
+  ASSERT_EQ(waiting.size(), 1u);
+  Flow other = flow;
+  ++other.source.port;
+  while (waiting.size() < NoneTcpNFCTContainer::most_waiting)
+    waiting.push(make_ct(other));
+  EXPECT_EQ(manager_->states.size(), 1u);
+  end(other);
+  EXPECT_TRUE(manager_->states.empty());
+  waiting.clear();
+}
+
+// Verifies that a reading that primes takes what waits in, uncounted, and leaves its totals.
+TEST_F(StatsMemoryTest, PrimingDrains) {
+  set_udp_enabled(true);
+  const Flow flow = udp(in_connection);
+  FedStats(&data_).parse(flow);
+  NoneTcpNFCTContainer::instance().push(make_counted_ct(flow, {4, 400}, {1, 100}));
+  ConntrackStats::last_open_sessions = ConntrackStats::last_active_sessions = 7;
+  const ConntrackStats primes(&data_, true, false);
+  EXPECT_EQ(NoneTcpNFCTContainer::instance().size(), 0u);
+  EXPECT_TRUE(manager_->states.empty());
+  EXPECT_EQ(ConntrackStats::last_open_sessions, 0u);
+  EXPECT_EQ(ConntrackStats::last_active_sessions, 0u);
+}
+
+// Verifies that a full memory gives up what two readings in a row haven't met, and not after one; one with
+// room gives up nothing.
+TEST_F(StatsMemoryTest, FullMemoryHeals) {
+  const auto read = [this] { const ConntrackStats reading(&data_, false, false); };
+  ASSERT_TRUE(table_->create(in_connection));
+  FedStats(&data_).parse(out_connection);  // whose end is never told
+  for (int i = 0; i < 4; ++i)
+    read();
+  ASSERT_EQ(manager_->states.size(), 2u);
+  manager_->free_entries.clear();
+  FedStats(&data_).parse(out_connection);
+  read();
+  read();
+  EXPECT_EQ(manager_->states.size(), 2u);
+  read();
+  EXPECT_EQ(manager_->states.size(), 1u);
+  EXPECT_EQ(manager_->free_entries.size(), 1u);
+  manager_->free_entries.clear();
+  for (int i = 0; i < 4; ++i)
+    read();
+  EXPECT_EQ(manager_->states.size(), 1u);
+}
+
+// Verifies that a full memory gives up nothing by readings that didn't reach the end of the table.
+TEST_F(StatsMemoryTest, FailedReadingsHealNothing) {
+  FedStats(&data_).parse(out_connection);
+  manager_->free_entries.clear();
+  {
+    const NoDescriptors none;
+    for (int i = 0; i < 4; ++i)
+      const ConntrackStats fails(&data_, false, false);
+  }
+  { const ConntrackStats first(&data_, false, false); }
+  EXPECT_EQ(manager_->states.size(), 1u);
 }
 
 }  // namespace

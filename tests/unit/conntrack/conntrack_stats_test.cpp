@@ -179,6 +179,17 @@ TEST_F(ConntrackStatsTest, ReversedInLeg) {
   EXPECT_EQ(network_of(stats).prv_hop_counters.count("198.51.100.20"), 1u);
 }
 
+// Verifies that of such a connection the port that tells a hop is the kernel's source port.
+TEST_F(ConntrackStatsTest, ReversedInLegToPort) {
+  FedStats stats(&data_);
+  Flow flow = in_connection;
+  flow.source = {"192.0.2.1", 443};
+  flow.target = {"198.51.100.20", 15443};
+  flow.mark = service_mark | 0xa0;
+  stats.parse(flow, {2, 2000}, {1, 100});
+  EXPECT_EQ(fields(network_of(stats).total.counters[0][0][0]), (Fields{2, 2000, 1, 100}));
+}
+
 // Verifies that a connection whose other end is a hop's private address counts as one through a private
 // network, whichever end it is.
 TEST_F(ConntrackStatsTest, PrivateNetwork) {

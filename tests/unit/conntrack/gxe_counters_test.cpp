@@ -57,6 +57,8 @@ INSTANTIATE_TEST_SUITE_P(
         // TCP.
         BillingRow{tcp, 0, false, false, false}, BillingRow{tcp, local_mark, false, true, false},
         BillingRow{tcp, local_mark | 0x00ff0000, false, true, false},  // the link byte is no part of it
+        BillingRow{tcp, local_mark | 0x07000000, false, true, false},  // nor are the closing bits
+        BillingRow{tcp, local_mark | 0xb0000000, false, true, false},
         BillingRow{tcp, 0x121, false, false, false}, BillingRow{tcp, 0x220, false, false, false},
         BillingRow{tcp, bit_30, false, false, false}, BillingRow{tcp, bit_30 | 0x200, false, false, false},
         BillingRow{tcp, bit_30 | local_mark, false, false, true},

@@ -37,8 +37,10 @@ TEST(NoneTcpNFCTContainer, Clear) {
 TEST(NoneTcpNFCTContainer, Bounded) {
   zol_test::LogCapture log;
   NoneTcpNFCTContainer container;
-  for (std::size_t i = 0; i < NoneTcpNFCTContainer::most_waiting + 2; ++i)
-    container.push(marked(static_cast<std::uint32_t>(i)));
+  for (std::size_t i = 0; i < NoneTcpNFCTContainer::most_waiting; ++i)
+    EXPECT_EQ(container.push(marked(static_cast<std::uint32_t>(i))), nullptr);
+  EXPECT_EQ(nfconntrack_get_mark(container.push(marked(7)).get()), 0u);
+  EXPECT_EQ(nfconntrack_get_mark(container.push(marked(7)).get()), 1u);
   EXPECT_EQ(container.size(), NoneTcpNFCTContainer::most_waiting);
   EXPECT_EQ(nfconntrack_get_mark(container.pop().get()), 2u);
   EXPECT_EQ(log.count("ended connections wait for a report"), 1);

@@ -414,6 +414,9 @@ TEST_F(NetworkCountersTest, WalkOverDomains) {
   EXPECT_EQ(domain, "shop.example");
   network_.delete_domain_stats(domain);
   EXPECT_FALSE(network_.has_traffic());
+  add({.domain = "news.example"});
+  EXPECT_EQ(keys(network_.domain_counters), Names{"news.example"});
+  EXPECT_EQ(network_.tcp_domain_active_connections("news.example"), 1u);
 }
 
 // Verifies that asking for an entity without traffic makes an empty entry of it.
