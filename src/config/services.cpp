@@ -206,10 +206,12 @@ bool Services::is_internal_port(std::uint16_t port) {
 }
 
 std::string Services::get_target_by_logical_net_id(const std::string& network) const {
-  for (const Service& service : services)
-    if (service.logical_network_id == network)
-      return service.host;
-  const std::string target = historical.get_target_by_logical_net_id(network);
+  const auto found = std::find_if(services.begin(), services.end(), [&](const Service& service) {
+    return service.logical_network_id == network;
+  });
+  std::string target = found != services.end() ? found->host : std::string();
+  if (target.empty())
+    target = historical.get_target_by_logical_net_id(network);
   return target.empty() ? unmarked_target : target;
 }
 

@@ -118,7 +118,8 @@ class Services : public IReconfigure {
   bool is_shared_port(std::uint16_t port) const;
   // IPTables.internal_port_range_start <= port <= IPTables.internal_port_range_end.
   static bool is_internal_port(std::uint16_t port);
-  // The host of a current service of that network, else of a historical one, else the unmarked target.
+  // The host of the first current service of that network, else of the first historical one, else the
+  // unmarked target; an empty host counts as none.
   std::string get_target_by_logical_net_id(const std::string& network) const;
   std::set<std::string> get_logical_network_ids(bool historical) const;
   // The current services, behind the historical ones if these are wanted.

@@ -52,7 +52,8 @@ class ZolTraffic {
   // numbers of sessions alone. `totals` may be null.
   void generate_network_traffic_report(libvariant::Variant& entry, const std::string& network,
                                        ConntrackStats& stats, zol_utils::TrafficStats* totals);
-  // TrafficReport.enabled: without it a report tells numbers of sessions alone.
+  // TrafficReport.enabled: without it a report tells no bytes, but numbers of sessions, failures to reach the
+  // target, HTTP messages, and detected clients.
   static bool is_enabled();
   // Both streams with what came in and what went out.
   static libvariant::Variant generate_traffic_report(const conntrack_counters_t& client_to_server,

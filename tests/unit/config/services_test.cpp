@@ -276,6 +276,17 @@ TEST_F(SharedServicesTest, TargetByNetwork) {
   EXPECT_EQ(services.get_target_by_logical_net_id("absent"), "unmarked.example");
 }
 
+// Verifies that an empty host is no target: a historical service of the network goes before it, and then the
+// unmarked target, whatever host a second service of the network has.
+TEST_F(SharedServicesTest, TargetByNetworkWithoutHost) {
+  const Services services(true, true);
+  reload({{3, "net-1", ""}, {4, "net-1", "second.example"}, {5, "net-2", "two.example"}});
+  EXPECT_EQ(services.get_target_by_logical_net_id("net-1"), "one.example");
+  config.set(config_text({{6, "net-3", ""}, {7, "net-3", "second.example"}}));
+  const Services first_start(false, false);
+  EXPECT_EQ(first_start.get_target_by_logical_net_id("net-3"), "unmarked.example");
+}
+
 // Verifies the set of networks with and without the historical ones.
 TEST_F(SharedServicesTest, LogicalNetworkIds) {
   const Services services(true, true);

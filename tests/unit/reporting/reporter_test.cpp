@@ -143,7 +143,7 @@ TEST_F(ReporterTest, missing_settings) {
   EXPECT_FALSE(reporter.is_report_sent());
 }
 
-TEST_F(ReporterTest, missing_settings_after_success) {
+TEST_F(ReporterTest, invalid_url_after_success) {
   // Verifies that a report that couldn't start isn't taken for sent.
   CountingReporter reporter(&config_->configurator());
   ASSERT_TRUE(reporter.send_report_async(false));

@@ -39,10 +39,13 @@ class TrafficClientsTest : public zol_test::TrafficTest {
 };
 
 TEST_F(TrafficClientsTest, not_enabled) {
-  // Verifies that without the setting there is no list, and the sessions are marked as seen all the same.
-  const zol_monitor::SessionPtr session = add_session();
+  // Verifies that without the setting there is no list, and the sessions, accepted here or elsewhere, are
+  // marked as seen all the same.
+  const zol_monitor::SessionPtr direct = add_session();
+  const zol_monitor::SessionPtr indirect = add_session({.accepted = false});
   EXPECT_FALSE(generate().Contains("user-info"));
-  EXPECT_EQ(session->state, 1U);
+  EXPECT_EQ(direct->state, 1U);
+  EXPECT_EQ(indirect->state, 1U);
   EXPECT_THAT(data_.conntrack.detected_sessions, IsEmpty());
 }
 
@@ -82,13 +85,15 @@ TEST_F(TrafficClientsTest, client_without_new_sessions_in_diagnostics) {
 }
 
 TEST_F(TrafficClientsTest, diagnostics) {
-  // Verifies that with diagnostics on a client has its active sessions, its traffic of all ways, and the
-  // figures of its In legs as client and of its Out legs as server, round-trip times in milliseconds.
+  // Verifies that with diagnostics on a client has its own active sessions, its own traffic of all ways, and
+  // the figures of its In legs as client and of its Out legs as server, round-trip times in milliseconds.
   configure({.monitoring = with_diagnostics});
   add_proxied(stats_, {.client = "198.51.100.21"}, 1);
   add_proxied(stats_, {.client = "198.51.100.21", .to_hop = true}, 2);
   add_udp(stats_, zol_test::in_leg, {.tx_packets = 7, .tx_bytes = 70, .rx_packets = 9, .rx_bytes = 90},
           "198.51.100.21");
+  add_udp(stats_, zol_test::in_leg,
+          {.tx_packets = 500, .tx_bytes = 5000, .rx_packets = 600, .rx_bytes = 6000}, "198.51.100.22");
   // Of ten In legs one ended with a FIN of the client, two with one of the target, three and four with a RST;
   // of their Out legs the first of each kind.
   add_ended_sessions(zol_monitor::STR_FIN_FROM_CLIENT_SIDE, 1);

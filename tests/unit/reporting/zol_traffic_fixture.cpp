@@ -17,6 +17,13 @@ int __wrap_sem_post(sem_t* semaphore) {
   errno = EOVERFLOW;
   return -1;
 }
+
+std::uint64_t __real__ZN3zol6Helper16get_timestamp_msEv();
+
+std::uint64_t __wrap__ZN3zol6Helper16get_timestamp_msEv() {
+  const zol_test::WallClock* clock = zol_test::WallClock::current;
+  return clock != nullptr ? clock->now_ms : __real__ZN3zol6Helper16get_timestamp_msEv();
+}
 }
 
 namespace zol_test {
@@ -37,10 +44,10 @@ General: { zol_id = "node-1"; };
 IPTables: { internal_port_range_start = 15000; internal_port_range_end = 15999; };
 MiddleMileNetwork: { enabled = )" +
          std::string(config.middle_mile ? "true" : "false") +
-         "; };\nMonitoring: { unmarked_target = \"unmarked.example\"; session_report_resolution_ms = "
-         "60000; " +
-         config.monitoring + " };\nTrafficReport: { " + config.traffic_report +
-         " };\nMultipleTargets: { services = ( " + services + " ); };\n";
+         "; };\nMonitoring: { unmarked_target = \"unmarked.example\"; session_report_resolution_ms = " +
+         std::to_string(config.session_report_resolution_ms) + "; " + config.monitoring +
+         " };\nTrafficReport: { " + config.traffic_report + " };\nMultipleTargets: { services = ( " +
+         services + " ); };\n";
 }
 
 }  // namespace

@@ -65,6 +65,7 @@ struct TrafficConfig {
   std::string traffic_report = "enabled = true; ";
   std::string monitoring{};
   bool middle_mile = false;
+  int session_report_resolution_ms = 60000;
 };
 
 class AllSites : public zol::SiteServicesBase {
@@ -127,6 +128,19 @@ struct PostFails {
   PostFails& operator=(const PostFails&) = delete;
 
   static inline bool active = false;
+};
+
+// The wall clock (Helper::get_timestamp_ms), which stands where the test puts it while the object lives;
+// linked like the former. One at a time.
+struct WallClock {
+  WallClock() { current = this; }
+  ~WallClock() { current = nullptr; }
+  WallClock(const WallClock&) = delete;
+  WallClock& operator=(const WallClock&) = delete;
+
+  std::uint64_t now_ms = 1700000000000;
+
+  static inline const WallClock* current = nullptr;
 };
 
 }  // namespace zol_test

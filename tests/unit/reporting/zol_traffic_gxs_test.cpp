@@ -266,10 +266,17 @@ TEST_F(GxsTrafficTest, historical_network) {
 // --- the domains
 
 TEST_F(GxsTrafficTest, domains) {
-  // Verifies that each domain has its own traffic and its own sessions, in the order of names.
+  // Verifies that each domain has its own traffic and its own sessions, in the order of names, and that UDP,
+  // which tells no domain, is in none but the unknown one.
   configure({.monitoring = by_domain});
   add_proxied(stats_, {.domain = "b.example"}, 2);
   add_proxied(stats_, {.domain = "a.example"}, 1);
+  add_udp(stats_, zol_test::in_leg, {.tx_packets = 7, .tx_bytes = 70, .rx_packets = 9, .rx_bytes = 90});
+  const std::string udp = R"(
+    "client-to-server": { "incoming-packets": 0, "incoming-bytes": 0,
+                          "outgoing-packets": 0, "outgoing-bytes": 0 },
+    "server-to-client": { "incoming-packets": 9, "incoming-bytes": 90,
+                          "outgoing-packets": 7, "outgoing-bytes": 70 })";
   add_session({.domain = "a.example"});
   add_session({.domain = "b.example"});
   add_session({.domain = "b.example"});
@@ -281,7 +288,10 @@ TEST_F(GxsTrafficTest, domains) {
              proxied_json() + "}, \"traffic\": {" + proxied_json() +
              "}}, {\"domain-name\": \"b.example\", \"new-sessions-count\": 3, "
              "\"active-sessions-count\": 1, \"direct\": {\"new-sessions-count\": 2, " +
-             proxied_json(2) + "}, \"traffic\": {" + proxied_json(2) + "}}]"));
+             proxied_json(2) + "}, \"traffic\": {" + proxied_json(2) +
+             "}}, {\"domain-name\": \"unknown\", \"new-sessions-count\": 0, \"active-sessions-count\": 1, "
+             "\"direct\": {\"new-sessions-count\": 0, " +
+             udp + "}, \"traffic\": {" + udp + "}}]"));
 }
 
 TEST_F(GxsTrafficTest, domain_classes) {
@@ -344,6 +354,15 @@ TEST_F(GxsTrafficTest, domain_without_bytes) {
   EXPECT_FALSE(entry.Contains("direct"));
   EXPECT_EQ(session->http_counters.total_requests(), 1U);
   EXPECT_FALSE(session->target_failure_counted);
+  EXPECT_THAT(stats_.networks["net-a"].domain_counters, IsEmpty());
+}
+
+TEST_F(GxsTrafficTest, domain_without_bytes_before_another) {
+  // Verifies that the walk over the domains goes on behind one that moved no bytes.
+  configure({.monitoring = by_domain});
+  add_tcp(stats_, {.counters = {.tx_packets = 5}, .domain = "a.example"});
+  add_proxied(stats_, {.domain = "b.example"});
+  EXPECT_EQ(only(only(generate()).At("domain-info")).At("domain-name").AsString(), "b.example");
   EXPECT_THAT(stats_.networks["net-a"].domain_counters, IsEmpty());
 }
 
