@@ -89,6 +89,7 @@ def test_record_becomes_event(eager, name):
 def test_failure_that_is_none(eager):
     """Verifies that a record with a status makes no event and charges nothing, and one without ports no event."""
     posts, uncharged = attempts(eager), eager.log().count("charge_send_events: not charged")
+    run_and_expect(lambda: eager.log().count("HTTP request completed successfully."), posts)  # none is on its way
     send(eager, FAILURE, failure([80], status=1))
     send(eager, FAILURE, failure([80], count=0))
     eager.wait_log("charge_send_events: not charged", uncharged + 1)

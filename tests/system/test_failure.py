@@ -95,6 +95,7 @@ def test_failopen_from_beginning_to_end(node):
     run_and_expect(carrier.told, [True, False])  # by the timer
     run_and_expect(lambda: failopen_events(node), ["enabled", "disabled"])
     assert state(node, "failopen") == 0
+    node.watchdog.wait_event("message", 2, type=2, source="zol")
     assert len(node.watchdog.select("message", type=2, source="zol")) == 2
     assert reported_state(node) == "normal"
 

@@ -101,7 +101,7 @@ def measured(request, make_module_node):
         busy.start()
     try:
         run_and_expect(lambda: len(link.pings(address(FAST), probing.PROBE_SIZE)), lambda count: count >= SAMPLES,
-                       timeout=120, interval=0.5)
+                       timeout=300, interval=0.5)
     finally:
         stop.set()
         if busy.ident is not None:

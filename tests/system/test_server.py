@@ -11,7 +11,7 @@ from standin.wait import run_and_expect
 PATH = "/zolSessionReport"
 RETRIES = 2
 SERVICE = service(1)
-SETTINGS = {"General.hqs_http_client_timeout_sec": 1, "Monitoring.reporter_total_retries": RETRIES}
+SETTINGS = {"General.hqs_http_client_timeout_sec": 2, "Monitoring.reporter_total_retries": RETRIES}
 
 
 def end_one_session(node):
@@ -47,7 +47,7 @@ def road(make_module_node):
     {"fault": "status", "status": 304},
     {"fault": "reset"},
     {"fault": "silent"},
-    {"fault": "delay", "seconds": 3},
+    {"fault": "delay", "seconds": 5},
 ], ids=lambda fault: "-".join(str(value) for value in fault.values()))
 def test_failed_report_is_posted_again(road, fault):
     """Verifies the number of posts of a report that keeps failing, that the loop beats on, and the next report."""
@@ -157,7 +157,7 @@ def test_plain_and_compressed(road):
 
 def test_full_table_brings_the_report_forward(make_node):
     """Verifies that the configured number of finished sessions sends the report long before its time."""
-    node = make_node(services=[SERVICE], settings={"Monitoring.session_report_resolution_ms": 3600000,
+    node = make_node(services=[SERVICE], settings={"Monitoring.session_report_resolution_ms": 2_000_000_000,
                                                    "Monitoring.session_report_max_sessions": 3})
     node.start()
     ports = {end_one_session(node) for _ in range(3)}

@@ -53,7 +53,7 @@ def defaults(node_id, server_url, external_ip):
         "General.ipc_write_sleep_time_us": 1000,
         "General.max_thread_runtime_ms": 60000,
         "General.message_check_timeout_ms": 5000,
-        "General.hqs_http_client_timeout_sec": 5,
+        "General.hqs_http_client_timeout_sec": 20,
         "Monitoring.enabled": True,
         "Monitoring.log_config_file": "log.properties",
         "Monitoring.hqs_receiver_url": server_url,

@@ -127,7 +127,7 @@ class Node:
         """The kernel's collector visits a quiet table once a minute; a reader of the table makes it look at once."""
         while not self._sweeper_stop.wait(0.25):
             with contextlib.suppress(RuntimeError, OSError):
-                tracking.connections(self.network.node)
+                tracking.sweep(self.network.node)
 
     def write_conf(self):
         """zol.conf and the log's settings, from `tree`, `settings` and `services`."""

@@ -103,6 +103,8 @@ class Programs:
         self.node.write_file("gred.txt", "".join(line + "\n" for line in ["GRED: status", *lines]))
 
     def set_reason(self, log_text, reason):
-        """What is answered to who asks why a tunnel went down: the line of the log, and the words for people."""
+        """What is answered to who asks why a tunnel went down: the line of the log, and the words for people. Nothing
+        is known of one that stays down, which is asked about once a minute."""
         self.node.write_file("reason.txt", f"{log_text}\n{reason}\n")
-        self._install(self.REASON, f"exec cat {self.node.folder}/reason.txt")
+        self._install(self.REASON, f'[ "$3" = short ] || {{ echo unknown; exit 0; }}\n'
+                                   f"exec cat {self.node.folder}/reason.txt")

@@ -1,6 +1,7 @@
 """The kernel's connection table, as `conntrack` prints it."""
 import dataclasses
 import re
+import subprocess
 
 from . import netns
 
@@ -41,6 +42,15 @@ def parse(text):
     return connections
 
 
+LIST = ("conntrack", "-L", "-p", "tcp")
+
+
 def connections(namespace):
-    """The TCP entries. Reading the table also makes the kernel let go of those whose time is over."""
-    return parse(netns.execute(namespace, "conntrack", "-L", "-p", "tcp"))
+    """The TCP entries."""
+    return parse(netns.execute(namespace, *LIST))
+
+
+def sweep(namespace):
+    """Reading the table makes the kernel let go of those whose time is over."""
+    subprocess.run(["ip", "netns", "exec", namespace, *LIST], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                   check=False)

@@ -14,7 +14,7 @@ def run_and_expect(fn, expected, timeout=PATIENCE, interval=0.05):
     while True:
         try:
             result, error = fn(), None
-        except (LookupError, OSError, ValueError) as problem:
+        except (LookupError, OSError, TypeError, ValueError) as problem:
             result, error = None, problem
         good = error is None and (expected(result) if callable(expected) else result == expected)
         if good:
