@@ -114,6 +114,7 @@ void HAManager::read_conf(bool from_configuration) {
                                        << ": Autonomous floating ip is found";
     create_state(made, zol_utils::dynamic_vrrp_instance, dynamic_priority);
   }
+  states.merge(former_);  // of before an earlier reload, when no reading came between
   former_ = std::exchange(states, std::move(made));
 }
 

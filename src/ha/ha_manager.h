@@ -101,7 +101,7 @@ class HAManager : public IReconfigure {
   bool handle_cache_and_reset(std::set<std::string>& ips);
   void flush();
 
-  std::map<std::string, HAState> former_;  // of before the last reload, until the next reading
+  std::map<std::string, HAState> former_;  // of before the last reloads, until the next reading
 };
 
 }  // namespace zol

@@ -12,6 +12,7 @@
 #include "conntrack/none_tcp_nfct_container.h"
 #include "shared_object.h"
 #include "shared_records.h"
+#include "tests/unit/conntrack/intercepted_calls.h"
 #include "tests/unit/conntrack/stats_kernel_fixture.h"
 
 namespace zol_test {
@@ -223,9 +224,9 @@ TEST_F(StatsMemoryTest, FailedReadingsHealNothing) {
   FedStats(&data_).parse(out_connection);
   manager_->free_entries.clear();
   {
-    const NoDescriptors none;
+    const FailingQueries failing;
     for (int i = 0; i < 4; ++i)
-      const ConntrackStats fails(&data_, false, false);
+      EXPECT_FALSE(ConntrackStats(&data_, false, false).is_complete);
   }
   { const ConntrackStats first(&data_, false, false); }
   EXPECT_EQ(manager_->states.size(), 1u);

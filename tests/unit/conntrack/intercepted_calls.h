@@ -12,6 +12,15 @@ class NoDumpFilter {
   NoDumpFilter& operator=(const NoDumpFilter&) = delete;
 };
 
+// While it lives libnetfilter_conntrack's queries tell of an error at their end.
+class FailingQueries {
+ public:
+  FailingQueries();
+  ~FailingQueries();
+  FailingQueries(const FailingQueries&) = delete;
+  FailingQueries& operator=(const FailingQueries&) = delete;
+};
+
 // How often SO_RCVBUFFORCE was set to that size.
 int count_forced_receive_buffers(int size);
 

@@ -139,7 +139,8 @@ TEST_F(HAManagerReloadTest, ReloadOfTheConfiguration) {
   EXPECT_FALSE(log_.contains("Creating new state"));
 }
 
-// Verifies that a change before a reload is seen behind it, of the sites and of the floating address.
+// Verifies that a change before a reload, or before two in a row, is seen behind them, of the sites and of
+// the floating address.
 TEST_F(HAManagerReloadTest, ChangeBeforeAReload) {
   configure(hop(autonomous));
   record_.add("dynamic", master, 1);
@@ -148,11 +149,15 @@ TEST_F(HAManagerReloadTest, ChangeBeforeAReload) {
   manager.reconfigure();
   EXPECT_FALSE(manager.was_ha_state_changed());
   for (std::size_t slot : {0, 1}) {
-    record_.at(slot).role = VRRPRole::backup;
-    manager.reconfigure();
-    EXPECT_TRUE(manager.was_ha_state_changed()) << slot;
-    manager.reconfigure();
-    EXPECT_FALSE(manager.was_ha_state_changed()) << slot;
+    for (const int reloads : {1, 2}) {
+      VRRPRole& role = record_.at(slot).role;
+      role = role == VRRPRole::master ? VRRPRole::backup : VRRPRole::master;
+      for (int i = 0; i < reloads; ++i)
+        manager.reconfigure();
+      EXPECT_TRUE(manager.was_ha_state_changed()) << slot << ' ' << reloads;
+      manager.reconfigure();
+      EXPECT_FALSE(manager.was_ha_state_changed()) << slot << ' ' << reloads;
+    }
   }
 }
 
