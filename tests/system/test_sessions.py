@@ -60,7 +60,7 @@ def talk(client, target, question=b"question", answer=b"answer"):
 
 def test_fin_from_client(road):
     """Verifies every field of a session that the client ends."""
-    client, target = road.traffic.session(BY_ID[1])
+    client, target = road.session(BY_ID[1])
     port = port_of(client)
     talk(client, target)
     client.close()
@@ -87,7 +87,7 @@ def test_fin_from_client(road):
 
 def test_fin_from_target(road):
     """Verifies the texts when the target ends the session."""
-    client, target = road.traffic.session(BY_ID[1])
+    client, target = road.session(BY_ID[1])
     port = port_of(client)
     talk(client, target)
     target.close()
@@ -98,7 +98,7 @@ def test_fin_from_target(road):
 
 def test_reset_by_client(road):
     """Verifies the texts when the client resets."""
-    client, target = road.traffic.session(BY_ID[1])
+    client, target = road.session(BY_ID[1])
     port = port_of(client)
     talk(client, target)
     traffic.reset(client)
@@ -109,7 +109,7 @@ def test_reset_by_client(road):
 
 def test_reset_by_target(road):
     """Verifies the texts when the target resets."""
-    client, target = road.traffic.session(BY_ID[1])
+    client, target = road.session(BY_ID[1])
     port = port_of(client)
     talk(client, target)
     traffic.reset(target)
@@ -120,7 +120,7 @@ def test_reset_by_target(road):
 
 def test_reset_after_fin(road):
     """Verifies that an RST overrules the FIN that came before it."""
-    client, target = road.traffic.session(BY_ID[1])
+    client, target = road.session(BY_ID[1])
     port = port_of(client)
     client.shutdown(traffic.socket.SHUT_WR)
     assert traffic.read_to_end(target) == b""
@@ -217,7 +217,7 @@ def socket_figures(node, local_port, peer_port):
 
 def test_tcp_figures(road):
     """Verifies that both legs report the kernel's own figures, with a round-trip time that a slow peer shows."""
-    client, target = road.traffic.session(BY_ID[1])
+    client, target = road.session(BY_ID[1])
     port = port_of(client)
     quickly = traffic.socket.TCP_QUICKACK
     for _ in range(8):  # a peer that has nothing to say acknowledges late

@@ -315,7 +315,7 @@ def test_links_and_tunnels(make_node):
     # Right behind a reading: one that came before the daemon knows both legs would see a link to the world.
     earlier = len(traffic_reports(node))
     run_and_expect(lambda: len(traffic_reports(node)), lambda count: count > earlier)
-    client, target = node.traffic.session(SERVICES[0])
+    client, target = node.session(SERVICES[0])
     client.sendall(bytes(150_000))
     traffic.read_exactly(target, 150_000)
     target.sendall(bytes(70_000))
@@ -342,7 +342,7 @@ def test_links_and_tunnels(make_node):
 def test_session_between_sites(make_node):
     """Verifies what the session report says of a session whose ends lie behind two sites."""
     node = make_linked(make_node)
-    client, target = node.traffic.session(SERVICES[0])
+    client, target = node.session(SERVICES[0])
     client.sendall(b"hello")
     assert traffic.read_exactly(target, 5) == b"hello"
     client.close()

@@ -26,7 +26,6 @@ SETTINGS = {
     "Monitoring.DetectedIPsReport.enabled": True,
     "Monitoring.traffic_report_diagnostics_enabled": True,
 }
-IDENTIFIED = "parse_msg: session_identification requested by: [ wanproxy ]"
 FORWARDED_MARK = 0x530
 UDP_MARK = 0x630
 
@@ -56,9 +55,7 @@ def request(domain, path="/"):
 def short_session(node, number, domain, end):
     """It goes on when the daemon knows both legs: one that is closing when it is first read, and of no session yet,
     counts for nobody."""
-    known = node.log().count(IDENTIFIED)
-    client, target = node.traffic.session(BY_ID[number])
-    node.wait_log(IDENTIFIED, known + 2)
+    client, target = node.session(BY_ID[number])
     question = request(domain)
     client.sendall(question)
     traffic.read_exactly(target, len(question))

@@ -88,7 +88,7 @@ def defaults(node_id, server_url, external_ip):
         "BlackHole.enabled": False,
         "Failopen.threshold": 3,
         "Failopen.return_wait_period": 60,
-        "Watchdog.max_missed_threshold_ms": 5000,
+        "Watchdog.max_missed_threshold_ms": 30_000,
     }.items():
         put(tree, key, value)
     return tree

@@ -32,6 +32,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 HERE = pathlib.Path(__file__).resolve().parent
 SERVER_NAME = "hqs.zol.test"
 SERVER_PORT = 8443
+IDENTIFIED = "parse_msg: session_identification requested by: [ wanproxy ]"
 
 
 def build_folder():
@@ -261,6 +262,14 @@ class Node:
 
     def wait_log(self, text, count=1, timeout=PATIENCE):
         run_and_expect(lambda: self.log().count(text), lambda found: found >= count, timeout)
+
+    def session(self, row, **options):
+        """The client's and the target's end of a session through the proxy, of which the daemon has heard both legs.
+        One at a time, with a log at debug level."""
+        known = self.log().count(IDENTIFIED)
+        ends = self.traffic.session(row, **options)
+        self.wait_log(IDENTIFIED, known + 2)
+        return ends
 
     # --- the server -----------------------------------------------------------------------------------------------
 
