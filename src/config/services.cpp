@@ -29,7 +29,7 @@ const Service& no_service() {
   return none;
 }
 
-// Records pass through here, so that the lock is held for one copy.
+// The block is made here first: one that doesn't fit leaves the shared record as it was.
 std::array<unsigned char, ZolHistoricServices::block_size>& transfer_buffer() {
   static std::array<unsigned char, ZolHistoricServices::block_size> buffer{};
   return buffer;
@@ -132,24 +132,31 @@ void Services::index_historical() {
     historical_index_[service.service_id] = historical.get_by_service_id(service.service_id);
 }
 
+// What an earlier run stored isn't overwritten before it has been taken over.
 void Services::store_historical() {
-  auto& buffer = transfer_buffer();
-  if (!historical.serialize(buffer.data(), buffer.size()))
-    return;
-  zol_utils::with_locked_record<ZolHistoricServices>("reconfigure", [&](ZolHistoricServices& record) {
-    std::memcpy(record.block, buffer.data(), buffer.size());
+  zol_utils::with_locked_record<ZolHistoricServices>("reconfigure", [this](ZolHistoricServices& record) {
+    if (!restored_)
+      take_historical(record.block);
+    auto& buffer = transfer_buffer();
+    if (historical.serialize(buffer.data(), buffer.size()))
+      std::memcpy(record.block, buffer.data(), buffer.size());
   });
 }
 
 void Services::restore_historical() {
-  auto& buffer = transfer_buffer();
-  const bool is_read = zol_utils::with_locked_record<ZolHistoricServices>(
-      "Services",
-      [&](const ZolHistoricServices& record) { std::memcpy(buffer.data(), record.block, buffer.size()); });
-  if (!is_read)
-    return;
-  historical.deserialize(buffer.data());
+  zol_utils::with_locked_record<ZolHistoricServices>(
+      "Services", [this](const ZolHistoricServices& record) { take_historical(record.block); });
+}
+
+// What this run knows of a service is newer than what an earlier one stored.
+void Services::take_historical(const unsigned char* block) {
+  const std::vector<Service> newer = historical.get_services();
+  historical.deserialize(block);
+  historical.add(newer);
+  historical.remove(services);
   index_historical();
+  max_service_id = std::max(max_service_id, historical.get_max_id());
+  restored_ = true;
 }
 
 const Service& Services::find_by_service_id(std::uint8_t id, bool with_historical) const {

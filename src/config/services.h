@@ -135,6 +135,7 @@ class Services : public IReconfigure {
   const Service* find_by_host(const std::string& host) const;
   void restore_historical();
   void store_historical();
+  void take_historical(const unsigned char* block);
   void index_historical();
   void leave_configurator() noexcept;
 
@@ -146,6 +147,7 @@ class Services : public IReconfigure {
   DualZOLHistoricalServices dual_historical;
   std::map<std::string, std::uint8_t> allocated_ids;  // by "public_host:port"
   bool watch_reconf;
+  bool restored_ = false;                             // what an earlier run stored has been taken over
   std::map<std::uint8_t, Service> historical_index_;  // what find_by_service_id refers to
 };
 

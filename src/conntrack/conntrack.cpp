@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <event2/event.h>
+#include <fcntl.h>
 #include <linux/netfilter/nfnetlink.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -135,6 +136,7 @@ void ConntrackEvents::start() {
     SUP_LOG(logger(), log_level::error) << "Failed to open netlink socket";
     return;
   }
+  fcntl(mnl_socket_get_fd(socket), F_SETFD, FD_CLOEXEC);  // commands that the daemon runs don't inherit it
   started = open_socket();
   if (!started)
     stop();

@@ -88,6 +88,7 @@ void ConntrackStats::read_conntrack_dump() {
   if (!query_kernel() || ignore_query)
     return;
   drain_ended_connections();
+  data->sessions.drop_unreported_non_tcp_sessions();
   publish_totals();
   if (ConntrackStatesManager* memory = is_complete ? states() : nullptr)
     memory->end_reading();

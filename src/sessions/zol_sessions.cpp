@@ -1,8 +1,7 @@
 #include "sessions/zol_sessions.h"
 
-#include "config/cached_setting.h"
-#include "config/zol_conf_consts.h"
 #include "sessions/sessions_log.h"
+#include "sessions/settings.h"
 
 namespace zol_monitor {
 
@@ -44,17 +43,6 @@ void ZOLSessions::unlist(SessionInfo& session) {
   session.unlisted = true;
   unlisted_out_entries_ += session.out_entries;
 }
-
-namespace {
-
-int session_report_resolution_ms() {
-  static zol::CachedSetting<int> setting(zol_conf_consts::monitoring_session_report_resolution_ms_key);
-  int resolution = 0;
-  setting.lookup(resolution);
-  return resolution;
-}
-
-}  // namespace
 
 void ZOLSessions::erase_if_unused(const std::weak_ptr<SessionInfo>& unused) {
   const SessionPtr session = unused.lock();

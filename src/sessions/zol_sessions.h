@@ -184,6 +184,8 @@ class ZOLSessions {
                               const std::string& network);
   // Moves the flows that have ended to the finished list.
   void update_non_tcp_sessions();
+  // Lets them go where no session report does that.
+  void drop_unreported_non_tcp_sessions();
 
   // Logs the whole table at info level.
   void dump() const;

@@ -2,6 +2,7 @@
 #include <utility>
 
 #include "config/address_text.h"
+#include "sessions/settings.h"
 #include "sessions/zol_sessions.h"
 
 namespace zol_monitor {
@@ -30,6 +31,11 @@ void ZOLSessions::update_non_tcp_traffic(std::uint32_t protonum, std::uint32_t s
   session->set_vpn_data(site_services);
   if (!not_reversed)
     session->set_reversed_io(true);
+}
+
+void ZOLSessions::drop_unreported_non_tcp_sessions() {
+  if (session_report_resolution_ms() < 1)
+    std::erase_if(non_tcp_sessions, [](const auto& entry) { return !entry.second->is_alive(); });
 }
 
 void ZOLSessions::update_non_tcp_sessions() {

@@ -389,6 +389,29 @@ TEST_F(SharedServicesTest, LockFails) {
   EXPECT_EQ(services.get_service_vec(false).size(), 3U);
 }
 
+// Verifies that a record that couldn't be read at the start isn't overwritten before it has been taken over.
+TEST_F(SharedServicesTest, LockFailsAtTheStart) {
+  {
+    const Services earlier(true, true);
+    reload({{3, "net-3", "former.example"}});
+    reload({{1, "net-1", "one.example"}});
+  }
+  sem_wait(&record->data->header.lock);
+  record->data->header.owner_pid = getppid();
+  zol_utils::shared_lock_wait_ms = 10;
+  config.set(config_text({{3, "net-3", "three.example"}}));
+  const Services services(true, true);
+  zol_utils::shared_lock_wait_ms = 200;
+  sem_post(&record->data->header.lock);
+  reload({{4, "net-4", "four.example"}});
+  const Services next(true, true);
+  for (const Services* each : {&services, &next}) {
+    EXPECT_EQ(each->get_by_service_id(2, true).logical_network_id, "net-2");
+    EXPECT_EQ(each->get_by_service_id(3, true).host, "three.example") << "the newer one";
+    EXPECT_EQ(each->get_service_vec(true).size(), 4U);
+  }
+}
+
 // Verifies that a configured or historical public entry keeps its id.
 TEST_F(SharedServicesTest, AllocKnownEntries) {
   Services services(true, true);
@@ -468,6 +491,27 @@ TEST_F(SharedServicesTest, InactiveVersion) {
     GTEST_SKIP() << "the kernel refuses a mount namespace";
   EXPECT_EQ(status, 0);
   EXPECT_EQ(std::memcmp(record->data->block, before.block, sizeof(before.block)), 0);
+}
+
+// Verifies that a version that becomes active while it runs takes over what was stored before it stores.
+TEST_F(SharedServicesTest, BecomesActive) {
+  if (geteuid() != 0)
+    GTEST_SKIP() << "a mount namespace of its own needs root";
+  {
+    const Services earlier(true, true);
+    reload({{1, "net-1", "one.example"}});
+  }
+  const int status = run_as_inactive_version([] {
+    Services services(true, true);
+    std::filesystem::remove("/run/zol/active_version");
+    services.reconfigure();
+    const Services next(true, true);
+    return services.get_by_service_id(2, true).logical_network_id == "net-2" &&
+           next.get_by_service_id(2, true).logical_network_id == "net-2";
+  });
+  if (status == 77)
+    GTEST_SKIP() << "the kernel refuses a mount namespace";
+  EXPECT_EQ(status, 0);
 }
 
 // Verifies that a version that becomes inactive keeps its tables over a reload.

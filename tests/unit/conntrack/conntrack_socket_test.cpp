@@ -127,6 +127,11 @@ TEST_F(ConntrackKernelTest, ReceiveBuffer) {
   EXPECT_EQ(size, 2 * 18874368);
 }
 
+// Verifies that the socket stays with the daemon when it runs a command.
+TEST_F(ConntrackKernelTest, NotInherited) {
+  EXPECT_NE(fcntl(socket_fd(), F_GETFD) & FD_CLOEXEC, 0);
+}
+
 // Verifies that an overrun is logged with its errno and that the reader goes on with the next event.
 TEST_F(ConntrackKernelTest, OverrunIsLoggedAndTheReaderGoesOn) {
   const int tiny = 1;

@@ -146,6 +146,26 @@ TEST_F(StatsKernelTest, TotalsOfTheProcess) {
   expect_totals("ignored");
 }
 
+// Verifies that a flow that has gone silent leaves the session table with a reading where there is no session
+// report to take it, and waits for the report where there is one.
+TEST_F(GxeStatsKernelTest, SilentFlowsWithoutSessionReport) {
+  const auto add_flow = [this](std::uint32_t target, std::uint64_t last_seen_ms) {
+    data_.sessions.update_non_tcp_traffic(IPPROTO_UDP, 1, target, 100, 0, 0, true, "");
+    data_.sessions.non_tcp_sessions
+        .at(zol_monitor::ZOLSessions::gen_non_tcp_key(IPPROTO_UDP, 1, target, 0, 0))
+        ->last_seen_ms = last_seen_ms;
+  };
+  add_flow(2, 1);
+  add_flow(3, zol::Helper::get_timestamp_ms());
+  set_monitoring("session_report_resolution_ms = 1000;");
+  { const ConntrackStats stats(&data_, false, false); }
+  EXPECT_EQ(data_.sessions.non_tcp_sessions.size(), 2u);
+  set_monitoring("session_report_resolution_ms = 0;");
+  { const ConntrackStats stats(&data_, false, false); }
+  EXPECT_EQ(data_.sessions.non_tcp_sessions.size(), 1u);
+  EXPECT_TRUE(data_.sessions.finished_sessions.sessions.Empty());
+}
+
 // Verifies that what ended since the last reading is counted, oldest first, and freed.
 TEST_F(GxeStatsKernelTest, DrainOfEndedConnections) {
   Flow flow = in_connection;
