@@ -73,6 +73,14 @@ void Monitor::charge_reporter() {
   }
 }
 
+void Monitor::resume_reports() {
+  if (!reports_disabled)
+    return;
+  ReporterContext::update_dual_zol_state(this);
+  if (!reports_disabled)
+    charge_reporter();
+}
+
 void Monitor::start() {
   conntrack.start();
 }

@@ -28,6 +28,9 @@ class Monitor : public MonitorIPC, public MonitorData, public ISessionsEvents {
   void uninit_reporter();
   // Charges each reporter that isn't charged; one that is keeps its running cycle.
   void charge_reporter();
+  // While the reports are disabled, asks whether this version is the one that should work again, and charges
+  // the reporters then: no cycle of theirs runs that would ask. Called with each health beat.
+  void resume_reports();
 
   void session_identification_notify(ipc_session_identification_msg_t* msg) override;
   void tcp_conn_diag_info_notify(ipc_tcp_conn_diag_info_msg_t* msg) override;

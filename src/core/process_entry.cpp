@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <stdexcept>
 
@@ -178,6 +179,7 @@ void zol_monitor_uninit() {
 
 void send_health(int, short, void*) {
   monitor->send_health();
+  monitor->resume_reports();
   charge_watchdog();
 }
 
@@ -209,8 +211,14 @@ void resolve_complete_cb(bool failed, const char* canonical_name, int ttl_second
   monitor->sessions.next_hop_cname = canonical;
   SUP_LOG(logger(), log_level::debug) << "resolve_complete_cb: next_hop_name: " << monitor->sessions.next_hop
                                       << " canonical name " << canonical;
-  const bool has_ttl = ttl_seconds > 0;
-  next_hop_timer.charge(has_ttl ? static_cast<unsigned>(ttl_seconds) * 1000 : resolve_period_ms);
+  next_hop_timer.charge(next_resolve_delay_ms(ttl_seconds));
+}
+
+unsigned next_resolve_delay_ms(int ttl_seconds) {
+  if (ttl_seconds <= 0)
+    return resolve_period_ms;
+  constexpr unsigned longest_s = std::numeric_limits<unsigned>::max() / 1000;
+  return std::min(static_cast<unsigned>(ttl_seconds), longest_s) * 1000;
 }
 
 void dump_signal_handler(int signal, short, void*) {

@@ -23,6 +23,9 @@ void charge_watchdog();
 void address_resolver(int fd, short events, void* arg);
 void resolve_complete_cb(bool failed, const char* canonical_name, int ttl_seconds,
                          std::list<std::string>& addresses, void* arg);
+// When the name is asked for again, by the answer's time to live; not above 0 is none. What an unsigned
+// number of milliseconds can't hold is cut.
+unsigned next_resolve_delay_ms(int ttl_seconds);
 
 // Signals, taken as events of the loop.
 void dump_signal_handler(int signal, short events, void* arg);

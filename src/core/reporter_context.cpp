@@ -18,14 +18,13 @@
 namespace zol_monitor {
 
 bool reports_disabled = false;
+std::uint64_t last_dual_check_ms = 0;
 
 namespace {
 
 constexpr std::uint64_t dual_check_period_ms = 5000;
 constexpr unsigned other_instances_timeout_us = 100000;
 constexpr int other_instances_tries = 2;
-
-std::uint64_t last_dual_check_ms = 0;
 
 SupLogger& logger() {
   static SupLogger& instance = SupLogger::get_instance("Monitor");
@@ -92,11 +91,18 @@ void ReporterContext::charge_poll_send_report() {
 }
 
 void ReporterContext::send_report(int, short) {
-  if (!reporter->is_running())  // a report still under way keeps its count
+  const bool is_running = reporter->is_running();
+  // Between the answer of its look-up and the next poll a report waits in a client that isn't running.
+  const bool is_waiting = poll_timer.is_pending() && !is_running;
+  if (!is_running && !is_waiting)  // a report still under way keeps its count
     attempts = 0;
   charge_reporter(false);
   reporter->set_compress(compress);
-  if (!reporter->send_report_async(false)) {
+  if (is_waiting) {
+    SUP_LOG(logger(), log_level::notice)
+        << "Request ignored since previous HTTP request is not completed yet";
+  }
+  if (is_waiting || !reporter->send_report_async(false)) {
     SUP_LOG(logger(), log_level::error) << "Failed scheduling monitor report send.";
     return;
   }
@@ -145,7 +151,8 @@ void ReporterContext::poll_send_report_cb(int fd, short events, void* self) {
 
 void ReporterContext::update_dual_zol_state(MonitorContext* monitor_context) {
   const std::uint64_t now = zol::Helper::get_timestamp_ms();
-  if (last_dual_check_ms + dual_check_period_ms > now)
+  // A look of the future was one before the wall clock was set back.
+  if (last_dual_check_ms <= now && last_dual_check_ms + dual_check_period_ms > now)
     return;
   last_dual_check_ms = now;
   const bool is_running = !reports_disabled;

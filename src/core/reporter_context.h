@@ -13,6 +13,8 @@ class Reporter;
 
 // Set while another installed version of the software is the active one: nothing is reported then.
 extern bool reports_disabled;
+// When update_dual_zol_state has looked last, by the wall clock.
+extern std::uint64_t last_dual_check_ms;
 
 // The scheduler of one reporter. A cycle goes idle, charged, sending, polling, and back to charged; the next
 // cycle is charged before the present report is made, so that a period runs from start to start.
@@ -33,6 +35,7 @@ class ReporterContext {
   // Throws std::runtime_error when Monitoring.polling_rate_ms is missing.
   void charge_poll_send_report();
 
+  // While the last report is under way none is made, with a notice.
   void send_report(int fd, short events);
   // Throws std::runtime_error when libcurl refuses to go on.
   void poll_send_report(int fd, short events);

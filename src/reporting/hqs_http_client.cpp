@@ -65,7 +65,14 @@ void HQSHttpClient::open() {
     return;
   HttpClient::open(false);
   resolver = std::make_unique<Resolver>(true, lookup_retries, lookup_timeout_ms, 0);
-  persistent_hosts_load();
+  if (hosts.empty())  // a client that is opened again knows a newer address than the file's first
+    persistent_hosts_load();
+}
+
+void HQSHttpClient::close() {
+  cancel_lookup();
+  resolver.reset();
+  HttpClient::close();
 }
 
 HQSHttpClient::HQSHttpClient(bool compress_in, AConfigurator* configuration_in)

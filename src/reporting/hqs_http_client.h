@@ -8,8 +8,9 @@
 // The last good address of the server is kept in a file, so that a failed look-up doesn't stop the reports.
 //
 // A request is under way from the look-up to the end of the transfer, and is_async_running() is true all that
-// time (but for the moment between the answer of the look-up and the next continue_send()). Whether it
-// arrived is `report_sent`.
+// time but between the answer of the look-up and the next continue_send(). The request waits there, and must
+// not be taken for ended: only after a continue_send() does is_async_running() tell. Whether it arrived is
+// `report_sent`.
 //
 // Logs under "HQSHttpClient"; the secret is never logged. Main thread only.
 #pragma once
@@ -98,6 +99,9 @@ class HQSHttpClient : public HttpClient, protected PersistentHosts {
   HQSHttpClient(Unopened, const std::map<std::string, std::string>& names, bool compress,
                 AConfigurator* configuration, bool hmac, bool if_modified_since);
   void open();
+  // Gives up the look-up or the transfer, and gives back handles and resolver, until the next open(). Not for
+  // a callback of either.
+  void close();
 
  private:
   struct HmacParams {

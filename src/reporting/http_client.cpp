@@ -64,6 +64,10 @@ void HttpClient::open(bool connection_reuse) {
 }
 
 HttpClient::~HttpClient() {
+  close();
+}
+
+void HttpClient::close() {
   clean_http_requests();
   curl.reset();
   multi.reset();

@@ -43,7 +43,7 @@ class HttpClient {
   HttpClient(const HttpClient&) = delete;
   HttpClient& operator=(const HttpClient&) = delete;
 
-  // False right after a request was queued, until the first continue_send().
+  // False right after a request was queued, until the first continue_send(): the owner calls that first.
   virtual bool is_async_running();
   // One step of progress. False when libcurl reports an error of the whole stack; a transfer that fails is no
   // such error.
@@ -98,8 +98,10 @@ class HttpClient {
   // open().
   struct Unopened {};
   explicit HttpClient(Unopened);
-  // Makes the handles; throws as the constructor. Once only.
+  // Makes the handles; throws as the constructor. Once only, until close().
   void open(bool connection_reuse);
+  // Gives up the request and gives the handles back.
+  void close();
 
   // For each new socket; the result is libcurl's, 0 (CURL_SOCKOPT_OK) is to go on.
   virtual int sockopt_function(int fd, curlsocktype purpose);

@@ -32,8 +32,10 @@ std::string Reporter::get_query_args() {
 }
 
 bool Reporter::send_report_async(bool resend) {
-  const auto missing = [](const std::string& key) {
+  const auto missing = [this, resend](const std::string& key) {
     SUP_LOG(logger(), log_level::error) << "send_report_async: missing configuration value: " << key;
+    if (!resend)
+      drop_report();
     return false;
   };
   // A report is made once, and what it takes out of the tables must not be lost on a client that is busy.

@@ -32,6 +32,9 @@ class Reporter {
   virtual std::string get_client_cert_path() = 0;
   // The report's text; empty when there is nothing to send.
   virtual std::string create_report() = 0;
+  // Lets go what the report would have taken, in place of create_report() when a setting is missing: nothing
+  // may pile up for a report that can't be sent.
+  virtual void drop_report() {}
   // What is added to the query string.
   virtual std::string get_query_args();
 

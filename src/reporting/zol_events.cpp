@@ -127,6 +127,7 @@ bool IEvent::send() {
 }
 
 void IEvent::resend() {
+  close();
   in_progress = false;
   immediate = false;
 }

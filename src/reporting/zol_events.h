@@ -20,9 +20,9 @@ namespace zol_monitor {
 
 class ZOLEvents;
 
-// One event, with a client of its own, which is opened when the event is first sent: most events of a storm
-// end in another one, and those that wait hold no descriptors. It is waiting, or in progress from the start
-// of its request to the end of the transfer; then it is gone, or waiting again.
+// One event, with a client of its own, which is open while the event is in progress only: most events of a
+// storm end in another one, and those that wait hold no descriptors. It is waiting, or in progress from the
+// start of its request to the end of the transfer; then it is gone, or waiting again.
 class IEvent : public zol::HQSHttpClient {
  public:
   // `type` is the server's name for the kind of event. A `resendable` event is posted again, without a limit,
@@ -45,7 +45,7 @@ class IEvent : public zol::HQSHttpClient {
   // Starts the request. False, with an error line, when it couldn't be started. Throws as serialize(), and
   // std::runtime_error when libcurl has no handle to give.
   bool send();
-  // Puts the event back to waiting; from here on it obeys the suppression time.
+  // Puts the event back to waiting, its client closed; from here on it obeys the suppression time.
   void resend();
   // is_updateable and then perform_update; true when the other event isn't needed any more.
   bool update(ZOLEvents& events, IEvent& other);

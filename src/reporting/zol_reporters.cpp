@@ -154,4 +154,9 @@ std::string ZolSessionReporter::create_report() {
   return text;
 }
 
+void ZolSessionReporter::drop_report() {
+  static_cast<void>(sessions_report.generate_sessions_report());  // dead non-TCP flows leave their table here
+  sessions_report.clean_finished_sessions();
+}
+
 }  // namespace zol_monitor

@@ -85,6 +85,7 @@ class ZolSessionReporter : public ZOLReporter {
                      bool save_on_success, MonitorData* monitor_data);
 
   std::string create_report() override;
+  void drop_report() override;
 
   ZolSessionsReport sessions_report;
 };

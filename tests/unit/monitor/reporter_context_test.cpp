@@ -2,6 +2,7 @@
 
 #include "reporting/zol_reporters.h"
 #include "tests/unit/monitor/monitor_fixture.h"
+#include "zol_helper.h"
 
 namespace {
 
@@ -50,6 +51,67 @@ TEST_F(ReporterContexts, TickDuringATransferIsIgnored) {
       log_.contains(log_level::notice, "Request ignored since previous HTTP request is not completed yet"));
   EXPECT_TRUE(context.send_timer.is_pending());
   context.reporter->client.async_running = false;
+}
+
+// Verifies that a tick between the answer of the look-up and the next poll makes no second report, and that
+// what that one would have taken stays.
+TEST_F(ReporterContexts, TickBehindTheLookupIsIgnored) {
+  monitor().init_reporter();
+  auto& context = monitor().sessions_context();
+  zol::HQSHttpClient& client = context.reporter->client;
+  context.attempts = 1;
+  context.reporter->body = "the report under way";
+  client.resolver_context = &client;  // any look-up
+  context.poll_send_report(0, 0);
+  client.resolver_context = nullptr;
+  ASSERT_TRUE(client.init_post_request_async("https://127.0.0.1:1/", "127.0.0.1", "", context.reporter->body,
+                                             false, 2));
+  ASSERT_FALSE(context.reporter->is_running());
+  monitor().sessions.finished_sessions.sessions.Append("a finished session");
+  context.send_report(0, 0);
+  EXPECT_EQ(context.attempts, 1);
+  EXPECT_EQ(context.reporter->body, "the report under way");
+  EXPECT_EQ(monitor().sessions.finished_sessions.sessions.AsList().size(), 1U);
+  EXPECT_TRUE(
+      log_.contains(log_level::notice, "Request ignored since previous HTTP request is not completed yet"));
+  EXPECT_TRUE(context.send_timer.is_pending());
+  EXPECT_TRUE(context.poll_timer.is_pending());
+}
+
+// Verifies that a wall clock that was set back doesn't keep the active version from being looked at.
+TEST_F(ReporterContexts, ClockSetBackDoesNotBlockTheLook) {
+  constexpr std::uint64_t hour_ms = 3600000;
+  zol_monitor::MonitorContext context;
+  zol_monitor::last_dual_check_ms = zol::Helper::get_timestamp_ms() + hour_ms;
+  zol_monitor::ReporterContext::update_dual_zol_state(&context);
+  EXPECT_TRUE(log_.contains(log_level::debug, "update_dual_zol_state: reports state is_running [1]"));
+  EXPECT_LE(zol_monitor::last_dual_check_ms, zol::Helper::get_timestamp_ms());
+}
+
+class StartCounter : public zol_test::BareMonitor {
+ public:
+  using BareMonitor::BareMonitor;
+  void start() override { ++starts; }
+
+  int starts = 0;
+};
+
+// Verifies that reports that were disabled resume, with their cycles, once this version is the active one.
+TEST_F(ReporterContexts, DisabledReportsResume) {
+  zol::Services services(false, false);
+  StartCounter monitor(&services, zol::SiteServices::instance(), nullptr, true);
+  monitor.init_reporter();
+  zol_monitor::last_dual_check_ms = 0;
+  monitor.resume_reports();
+  EXPECT_FALSE(monitor.periodic().charged);
+  EXPECT_EQ(zol_monitor::last_dual_check_ms, 0U);
+  zol_monitor::reports_disabled = true;
+  monitor.resume_reports();
+  EXPECT_FALSE(zol_monitor::reports_disabled);
+  EXPECT_EQ(monitor.starts, 1);
+  EXPECT_TRUE(monitor.periodic().charged);
+  EXPECT_TRUE(monitor.traffic().charged);
+  EXPECT_TRUE(monitor.sessions_context().send_timer.is_pending());
 }
 
 // Verifies that a missing polling rate throws.

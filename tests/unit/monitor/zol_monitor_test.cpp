@@ -1,6 +1,7 @@
 #include "core/zol_monitor.h"
 
 #include <cstring>
+#include <limits>
 
 #include "core/process_entry.h"
 #include "tests/unit/monitor/monitor_fixture.h"
@@ -31,6 +32,16 @@ TEST_F(ProcessPieces, DumpLogsTheMemoryReport) {
 TEST_F(ProcessPieces, MissingSleepTime) {
   zol_monitor::apply_ipc_sleep_time();
   EXPECT_TRUE(log_.contains(log_level::error, "couldn't find the critical parameter ipc_sleep_time_us."));
+}
+
+// Verifies that the next hop is asked for again after the answer's time to live, however long that is.
+TEST_F(ProcessPieces, NextResolveFollowsTheTimeToLive) {
+  EXPECT_EQ(zol_monitor::next_resolve_delay_ms(-1), 30000U);
+  EXPECT_EQ(zol_monitor::next_resolve_delay_ms(0), 30000U);
+  EXPECT_EQ(zol_monitor::next_resolve_delay_ms(60), 60000U);
+  EXPECT_EQ(zol_monitor::next_resolve_delay_ms(4294967), 4294967000U);
+  EXPECT_EQ(zol_monitor::next_resolve_delay_ms(4294968), 4294967000U);
+  EXPECT_EQ(zol_monitor::next_resolve_delay_ms(std::numeric_limits<int>::max()), 4294967000U);
 }
 
 }  // namespace

@@ -32,10 +32,12 @@ class CountingReporter : public Reporter {
     ++created;
     return text.empty() ? "" : text + std::to_string(created);
   }
+  void drop_report() override { ++dropped; }
 
   std::string text = "report ";
   std::string cert_path;
   int created = 0;
+  int dropped = 0;
 };
 
 class ReporterTest : public zol_test::HqsFixture {
@@ -141,6 +143,19 @@ TEST_F(ReporterTest, missing_settings) {
                                                  timeout_setting_key));
   EXPECT_EQ(reporter.created, 0);
   EXPECT_FALSE(reporter.is_report_sent());
+}
+
+TEST_F(ReporterTest, missing_setting_drops_the_report) {
+  // Verifies that a report without its settings lets go what it would have taken, and a resend nothing.
+  CountingReporter reporter(&config_->configurator());
+  ASSERT_TRUE(reporter.send_report_async(false));
+  run_to_end(reporter.client);
+  EXPECT_EQ(reporter.dropped, 0);
+  config_->set(good_config());
+  EXPECT_FALSE(reporter.send_report_async(false));
+  EXPECT_EQ(reporter.dropped, 1);
+  EXPECT_FALSE(reporter.resend_report_async());
+  EXPECT_EQ(reporter.dropped, 1);
 }
 
 TEST_F(ReporterTest, invalid_url_after_success) {

@@ -1,4 +1,8 @@
 // The way of an event from the queue to the server, with real posts.
+#include <cstddef>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -23,6 +27,10 @@ std::vector<std::string> keys_of(const Variant& map) {
   std::vector<std::string> keys;
   map.ForEach([&keys](std::string_view key, const Variant&) { keys.emplace_back(key); });
   return keys;
+}
+
+std::ptrdiff_t open_descriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 std::string refusing_url() {
@@ -74,20 +82,53 @@ TEST_F(ZOLEventsTest, client_of_an_event) {
 }
 
 TEST_F(ZOLEventsTest, waiting_event_holds_no_descriptor) {
-  // Verifies that an event has its handles from its first start on, and that a second start keeps them.
+  // Verifies that an event has its handles from a start to the time when it waits again.
   PlainEvent event(true, false);
   EXPECT_EQ(event.curl, nullptr);
   EXPECT_EQ(event.multi, nullptr);
   EXPECT_FALSE(event.is_async_running());
   ASSERT_TRUE(event.send());
-  const CURL* handle = event.curl.get();
-  EXPECT_NE(handle, nullptr);
+  EXPECT_NE(event.curl, nullptr);
   EXPECT_NE(event.multi, nullptr);
   EXPECT_NE(event.resolver, nullptr);
-  event.cancel_http_requests();
   event.resend();
+  EXPECT_EQ(event.curl, nullptr);
+  EXPECT_EQ(event.multi, nullptr);
+  EXPECT_EQ(event.resolver, nullptr);
   ASSERT_TRUE(event.send());
-  EXPECT_EQ(event.curl.get(), handle);
+  EXPECT_NE(event.curl, nullptr);
+}
+
+TEST_F(ZOLEventsTest, failed_event_holds_no_descriptor) {
+  // Verifies that events whose posts failed give their descriptors back while they wait, and that the next
+  // posts arrive.
+  set_url(refusing_url());
+  add(new PlainEvent(true, true));
+  add(new PlainEvent(true, true));
+  const std::ptrdiff_t before = open_descriptors();
+  ASSERT_TRUE(events_.send_events());
+  poll_to_end();
+  ASSERT_THAT(events_.queue, SizeIs(2));
+  EXPECT_EQ(open_descriptors(), before);
+  set_url(server_.url(), "event_suppression_ms = 0; ");
+  ASSERT_TRUE(events_.send_events());
+  poll_to_end();
+  EXPECT_THAT(events_.queue, IsEmpty());
+  EXPECT_THAT(server_.requests(), SizeIs(2));
+}
+
+TEST_F(ZOLEventsTest, reopened_client_keeps_its_address) {
+  // Verifies that an event that is sent again still knows the last good address, not the file's first one.
+  std::ofstream(persistent_file()) << "a.example.com 192.0.2.9\n";
+  PlainEvent event(true, true);
+  ASSERT_TRUE(event.send());
+  EXPECT_EQ(event.cached_host, "127.0.0.1");
+  event.cached_host = "b.example.com";
+  event.resend();
+  set_url("no url");
+  EXPECT_FALSE(event.send());
+  EXPECT_NE(event.curl, nullptr);
+  EXPECT_EQ(event.cached_host, "b.example.com");
 }
 
 TEST_F(ZOLEventsTest, no_handles) {

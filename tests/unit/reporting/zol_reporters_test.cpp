@@ -351,6 +351,22 @@ TEST_F(ZOLReportersTest, no_sessions) {
   EXPECT_EQ(data_->sessions.finished_sessions.incomplete_count, 3U);
 }
 
+TEST_F(ZOLReportersTest, session_report_without_a_url) {
+  // Verifies that neither finished sessions nor dead flows pile up while the report has nowhere to go.
+  constexpr std::uint64_t hour_ms = 3600000;
+  config_->set(good_config("session_report_is_enabled = true; "));
+  add_finished_session("one");
+  data_->sessions.update_non_tcp_traffic(1, 1, 2, 100, 0, 0, true, "net-a");
+  data_->sessions.non_tcp_sessions.begin()->second->last_seen_ms -= hour_ms;
+  ZolSessionReporter reporter = make_session();
+  EXPECT_FALSE(reporter.send_report_async(false));
+  EXPECT_TRUE(data_->sessions.finished_sessions.sessions.Empty());
+  EXPECT_EQ(data_->sessions.finished_sessions.reported_count, 0U);
+  EXPECT_EQ(data_->sessions.finished_sessions.non_tcp_count, 0U);
+  EXPECT_TRUE(data_->sessions.non_tcp_sessions.empty());
+  EXPECT_THAT(reporter.body, IsEmpty());
+}
+
 TEST_F(ZOLReportersTest, session_metadata) {
   // Verifies that the session report's metadata has a switch of its own.
   set_config(
