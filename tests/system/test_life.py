@@ -207,6 +207,21 @@ def test_reload_switches_a_report_off(make_node):
     run_and_expect(lambda: arrived(node), lambda count: count >= before + 2)
 
 
+def test_reports_resume_by_themselves(make_node):
+    """Verifies that a version that another one stands in for reports nothing, and goes on when it is the active one
+    again, though nobody has it reload."""
+    node = make_node(settings={"Monitoring.report_resolution_ms": 100})
+    node.start_receiver()
+    node.run("sh", "-c", "mkdir -p /run/zol && echo zol-9.9.9 >/run/zol/active_version")
+    start_daemon(node)
+    node.wait_log("update_dual_zol_state: Reports are now disabled")
+    wait_beats(node, 3)
+    assert arrived(node) == 0
+    node.run("rm", "/run/zol/active_version")
+    run_and_expect(lambda: arrived(node), lambda count: count >= 2)
+    assert node.log().count("update_dual_zol_state: Reports are now re-enabled") == 1
+
+
 def provoke_debug_line(node, name):
     """A message that is logged at debug level, and behind it one that is logged at info."""
     before = node.log().count("ZOL Sessions Dump")
