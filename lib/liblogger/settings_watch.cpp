@@ -20,7 +20,6 @@ void SettingsWatch::drop_watch() {
   if (watch_ >= 0)
     inotify_rm_watch(fd_, watch_);
   watch_ = -1;
-  folder_.clear();
   name_.clear();
 }
 
@@ -36,11 +35,11 @@ bool SettingsWatch::set_file(const std::string& path) {
   const std::size_t slash = path.rfind('/');
   const std::string folder =
       slash == std::string::npos ? "." : path.substr(0, std::max<std::size_t>(slash, 1));
-  if (watch_ < 0 || folder != folder_) {
+  // The kernel gives a folder that is watched already its old number; another one may have taken its name.
+  const int watch = inotify_add_watch(fd_, folder.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO | IN_ONLYDIR);
+  if (watch != watch_)
     drop_watch();
-    watch_ = inotify_add_watch(fd_, folder.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO | IN_ONLYDIR);
-  }
-  folder_ = folder;
+  watch_ = watch;
   name_ = slash == std::string::npos ? path : path.substr(slash + 1);
   return watch_ >= 0;
 }

@@ -28,7 +28,6 @@ class SettingsWatch {
   void read_changes();
 
   std::function<void()> changed_;
-  std::string folder_;
   std::string name_;
   int fd_ = -1;
   int watch_ = -1;

@@ -108,6 +108,21 @@ TEST_F(ZolLoggingWatch, watch_follows_the_key) {
   EXPECT_TRUE(logger().is_debug_enabled());
 }
 
+// Verifies that a reload moves the watch to the folder that has the name now.
+TEST_F(ZolLoggingWatch, another_folder_of_the_name) {
+  std::filesystem::create_directory(folder_.path("sub"));
+  folder_.write("sub/log.conf", folder_.settings("INFO"));
+  folder_.value = folder_.path("sub/log.conf");
+  zol_logging_reload(logging_);
+  std::filesystem::rename(folder_.path("sub"), folder_.path("former"));
+  std::filesystem::create_directory(folder_.path("sub"));
+  folder_.write("sub/log.conf", folder_.settings("INFO"));
+  zol_logging_reload(logging_);
+  folder_.write("sub/log.conf", folder_.settings("DEBUG"));
+  look();
+  EXPECT_TRUE(logger().is_debug_enabled());
+}
+
 // Verifies that a watch put on a second loop leaves the first.
 TEST_F(ZolLoggingWatch, put_on_another_loop) {
   event_base* second = event_base_new();
