@@ -52,8 +52,9 @@ void IPSet::set_ips(const std::set<std::string>& addresses) {
   const bool changed = addresses != ips;
   SUP_LOG(logger(), log_level::info) << name << " was set with ips '" << log_text(addresses) << "' there is"
                                      << (changed ? " some " : " no ") << "change";
-  if (!changed)
+  if (!changed && was_in_force_)
     return;
+  was_in_force_ = true;
   ips = addresses;
   reload();
 }

@@ -18,7 +18,8 @@ class IPSet : public zol::IIPSetSink {
  public:
   explicit IPSet(const std::string& set_name);
 
-  // Keeps the addresses, and brings all sets into force when they differ from those held.
+  // Keeps the addresses, and brings all sets into force when they differ from those held, and the first time:
+  // the kernel's set may be an earlier process's.
   void set_ips(const std::set<std::string>& addresses) override;
 
   // A line for the shell; a comment in a process that isn't a ZOL node's.
@@ -37,6 +38,9 @@ class IPSet : public zol::IIPSetSink {
 
   std::string name;
   std::set<std::string> ips;
+
+ private:
+  bool was_in_force_ = false;
 };
 
 namespace zol {

@@ -143,6 +143,8 @@ void SiteServicesBase::update_entry(VPNConnInfo& info, RoutesByInterface& routes
   const std::shared_ptr<SiteService>& site = named->second;
   if (const auto conn = matching_connection(*site, info))
     merge(site, conn, info, routes, bgp_subnets);
+  else if (site->type != remote_access && !info.is_matching_conn(info))
+    log_unexpected(info);  // no later cycle would find it again, and only clients ever leave
   else
     site->entries.push_back(std::make_shared<VPNConnInfo>(info));
 }

@@ -117,6 +117,10 @@ double VPNConnDataAgg::get_conn_pct(const VPNConnInfo& info) const {
 }
 
 void VPNConnDataAgg::clear() {
+  // One that comes back is a new one then, which is down as well.
+  std::erase_if(conn_data, [](const auto& entry) {
+    return !entry.second.ticked && entry.second.info.state == Disconnected;
+  });
   for (auto& [right_id, data] : conn_data)
     data.connected_ticks = data.total_ticks = 0;
   incidents.clear();

@@ -8,7 +8,8 @@
 // and "short" (asked at the change of state) or "long" (asked ten seconds after each full minute for each
 // IPsec connection that isn't up). It prints "unknown", or the line of the IKE daemon's log and the reason,
 // one line each. It is asked one question at a time and has 2000 ms for each. A change of state that is asked
-// about is logged when the answer is there; without an answer it is logged without a reason.
+// about is logged when the answer is there; without an answer it is logged without a reason, and so is one
+// that 10000 questions wait before.
 //
 // Owned by SiteServices. Main thread only; the loop has to stand before the object.
 #pragma once
@@ -40,8 +41,8 @@ class VPNConnDataAgg : public AsyncExecutor, public ISiteAdditionalInfo {
 
   // Nothing for a site as a whole.
   libvariant::Variant add_info(const std::string& site_id) const override;
-  // "incidents": the failures of the connection since the last report, in the order of their arrival, each
-  // with "timestamp", "log_text" and "reason". Empty without any.
+  // "incidents": the failures of the connection since the last report, the newest 1000, in the order of their
+  // arrival, each with "timestamp", "log_text" and "reason". Empty without any.
   libvariant::Variant add_info(const std::string& site_id, std::string entry_key) const override;
   std::string gen_entry_key(const VPNConnInfo& conn) const override;
 
@@ -52,7 +53,8 @@ class VPNConnDataAgg : public AsyncExecutor, public ISiteAdditionalInfo {
 
   // The share of the cycles since the last report that found the connection up, 0 to 1.
   double get_conn_pct(const VPNConnInfo& info) const;
-  // Begins the time up to the next report.
+  // Begins the time up to the next report, without the connections that are down and that the last cycle
+  // didn't see: the clients that are gone.
   void clear();
   // Each line of the log with a line feed behind it.
   std::string get_vpn_log() const;

@@ -18,6 +18,8 @@ namespace zol {
 namespace {
 
 constexpr std::size_t max_log_lines = 100;
+constexpr std::size_t max_incidents = 1000;  // of a connection; no report may come that takes them
+constexpr std::size_t max_waiting_queries = 10000;
 constexpr const char* reason_helper = "/opt/zol/get_pluto_fail_reason.sh";
 constexpr unsigned reason_limit_ms = 2000;
 constexpr std::uint64_t ms_per_second = 1000;
@@ -97,6 +99,11 @@ std::string VPNConnDataAgg::get_vpn_log() const {
 
 void VPNConnDataAgg::add_ipsec_log(const std::string& line, const std::string& conn_name,
                                    std::uint64_t timestamp_ms) {
+  if (log_queries.size() >= max_waiting_queries) {
+    SUP_LOG(logger(), log_level::warning)
+        << "Too many reason queries wait, not asking about \"" << conn_name << "\"";
+    return add_vpn_log(line);
+  }
   const bool idle = log_queries.empty();
   log_queries.push_back({line, conn_name, timestamp_ms, "", "", true});
   if (idle)
@@ -150,8 +157,12 @@ void VPNConnDataAgg::parse_reason() {
 
 void VPNConnDataAgg::finish_incident_handling() {
   const ConnLog& query = log_queries.front();
-  if (query.short_query || query.log_text != "no match")
-    incidents[query.conn_name].push_back(query);
+  if (query.short_query || query.log_text != "no match") {
+    std::list<ConnLog>& of_connection = incidents[query.conn_name];
+    of_connection.push_back(query);
+    if (of_connection.size() > max_incidents)
+      of_connection.pop_front();
+  }
   if (query.short_query)
     add_vpn_log(query.with_reason());
   log_queries.pop_front();

@@ -5,7 +5,6 @@
 #include <bit>
 
 #include "config/zol_conf_consts.h"
-#include "dual_zol_helper.h"
 #include "sites/site_service.h"
 #include "sites/vpn_conn_data_agg.h"
 #include "sites/zol_vpn_sites.h"
@@ -79,10 +78,10 @@ SiteConnRecord matched(const std::string& ip, const std::shared_ptr<SiteService>
   return SiteConnRecord(site, conn, ConnRecordType::site);
 }
 
-// The lists of sites hear of a reload by themselves only on a dual installation.
 void reread_sites() {
-  if (!zol_utils::DualZOLHelper::instance()->is_dual_installation())
-    ZOLVPNSitesConf::instance()->reconfigure();
+  ZOLVPNSitesConf& lists = *ZOLVPNSitesConf::instance();
+  if (!lists.hears_reloads)
+    lists.reconfigure();
 }
 
 }  // namespace
@@ -194,9 +193,12 @@ void SiteServices::end() {
 }
 
 void SiteServices::init() {
+  const bool had_sites = !site_services.empty();
   SiteServicesBase::init();
   if (!site_services.empty())
     vpn_status();
+  else if (had_sites)
+    update_shm();
 }
 
 void SiteServices::uninit() {

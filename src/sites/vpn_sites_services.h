@@ -84,7 +84,8 @@ class SiteServicesBase : public IReconfigure {
   // Merges what the status commands show, and drops the clients of remote access sites that are down.
   void update_services_status(std::vector<VPNConnInfo>& infos, RoutesByInterface& routes);
   // Merges one connection: into the one that it matches, or as a new one of the site that it names. One that
-  // fits nowhere is logged for debugging.
+  // fits nowhere is logged for debugging, and so is a new one without right_id or right, unless it is a
+  // client of a remote access site.
   void update_entry(VPNConnInfo& info, RoutesByInterface& routes);
 
   SitesMap site_services;
@@ -108,7 +109,8 @@ class SiteServices : public SiteServicesBase {
 
   ~SiteServices() override;
 
-  // Also runs the first cycle when there are sites; without any, no timer runs until the next reload.
+  // Also runs the first cycle when there are sites; without any, no timer runs until the next reload, and the
+  // states of those that were there are published no more.
   void init() override;
   void uninit() override;
   // Runs the commands of the three protocols, one after the other.

@@ -137,9 +137,10 @@ const ZOLVPNSites& ZOLVPNSitesConf::site_table() {
   return *sites;
 }
 
-ZOLVPNSitesConf::ZOLVPNSitesConf() {
+ZOLVPNSitesConf::ZOLVPNSitesConf()
+    : hears_reloads(zol_utils::DualZOLHelper::instance()->is_dual_installation()) {
   SUP_LOG(logger(), log_level::info) << "VPN site conf created";
-  if (zol_utils::DualZOLHelper::instance()->is_dual_installation())
+  if (hears_reloads)
     TheConfigurator::get_configuration()->register_reconfiguration_cb(this);
 }
 

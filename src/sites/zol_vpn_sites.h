@@ -158,6 +158,10 @@ class ZOLVPNSitesConf : public std::map<std::string, ZOLVPNSites*>, public IReco
   // Configures every element anew.
   void reconfigure() override;
   bool need_reconf(bool& enabled) override;
+
+  // By itself; an installation that becomes dual later changes nothing in it, and the site table goes on to
+  // pass its reloads on.
+  const bool hears_reloads;
 };
 
 }  // namespace zol

@@ -183,6 +183,22 @@ TEST_F(ScriptedIpsetTest, restart_restores_once) {
   EXPECT_EQ(calls(), "restore -file ./ipset_set\n");
 }
 
+TEST_F(ScriptedIpsetTest, restart_without_addresses) {
+  // Verifies that a set that has no address any more after a restart is put into force once, too: the kernel
+  // may still hold those of before.
+  IPSetManager::get("sites")->set_ips({"192.0.2.7"});
+  IPSetManager::forget();
+  const std::shared_ptr<IPSet> set = IPSetManager::get("sites");
+  calls();
+  set->set_ips({});
+  EXPECT_EQ(file_text("ipset_set"), rules_of("sites", ""));
+  EXPECT_EQ(calls(), "restore -file ./ipset_set\n");
+  std::filesystem::remove("ipset_set");
+  set->set_ips({});
+  EXPECT_FALSE(exists("ipset_set"));
+  EXPECT_EQ(calls(), "");
+}
+
 TEST_F(IpsetTest, is_restore_needed) {
   // Verifies that the first call says yes whatever the files are, and the next that they differ.
   std::ofstream("ipset_set") << "same";

@@ -121,6 +121,22 @@ TEST_F(SiteServicesStatusTest, NewConnection) {
   }
 }
 
+// Verifies that a record of a site that nothing ever matches, for want of a right_id or a right, adds no
+// connection in any cycle and is told for debugging; a client without one is shown.
+TEST_F(SiteServicesStatusTest, NeverMatching) {
+  const auto site = table_.add_site("a");
+  add_conn(*site, "", "right");
+  add_conn(*site, "id", "");
+  const auto remote = table_.add_site("b", "remote_access");
+  const zol_test::LogCapture log;
+  for (int cycle = 0; cycle < 2; ++cycle)
+    table_.merge({seen("a", "", "right"), seen("a", "id", ""), seen("b", "client", "")});
+  EXPECT_EQ(site->entries.size(), 2u);
+  EXPECT_EQ(log.count(" Found unexpected vpn connection: "), 4) << log.all();
+  ASSERT_FALSE(remote->entries.empty());
+  EXPECT_EQ(remote->entries.back()->right_id, "client");
+}
+
 // Verifies that a client of a remote access site goes when it is down, and a site's connection stays.
 TEST_F(SiteServicesStatusTest, ClientsGo) {
   const auto remote = table_.add_site("a", "remote_access");
@@ -290,6 +306,20 @@ TEST_F(SiteServicesStatusTest, FirstCycle) {
 }
 
 // --- the published states
+
+// Verifies that the states of the last site go with it at a reload, and that a reload without sites before
+// and after it publishes nothing.
+TEST_F(SiteServicesStatusTest, LastSiteGoes) {
+  zol_test::MiddleMileNode node({}, "", "");
+  add_conn(*cycle_.add_site("a"), "id", "right", Established);
+  cycle_.update_shm();
+  ASSERT_EQ(record().row_count, 1u);
+  cycle_.reconfigure();
+  EXPECT_EQ(record().row_count, 0u);
+  record_->data->row_count = 7;
+  cycle_.reconfigure();
+  EXPECT_EQ(record().row_count, 7u);
+}
 
 zol::VPNConnInfo* named(zol::SiteService& site, std::size_t length) {
   zol::VPNConnInfo* conn = add_conn(site, "", "", Established).get();

@@ -225,6 +225,68 @@ TEST_F(VPNConnDataAggTest, ClearedByReport) {
   EXPECT_THAT(changes(), SizeIs(1));
 }
 
+// Verifies that a report forgets a client that is down and gone, and nothing of one that is down and still
+// seen, or that comes back.
+TEST_F(VPNConnDataAggTest, GoneClientIsForgotten) {
+  make_agg();
+  const auto cycle = [this](const std::vector<VPNConnInfo>& seen) {
+    agg->clear_tick();
+    for (const VPNConnInfo& conn : seen)
+      agg->tick(conn);
+    agg->set_conn_disconnected();
+  };
+  cycle({gre(Disconnected, "@down"), gre(Established, "@goes"), gre(Connecting, "@hangs")});
+  agg->clear();
+  EXPECT_THAT(agg->conn_data, SizeIs(3));
+  cycle({gre(Disconnected, "@down")});
+  EXPECT_THAT(agg->conn_data, SizeIs(3)) << "the report may still ask";
+  agg->clear();
+  EXPECT_THAT(agg->conn_data, SizeIs(2));
+  EXPECT_EQ(agg->conn_data.count("@goes"), 0U);
+  EXPECT_DOUBLE_EQ(agg->get_conn_pct(gre(Disconnected, "@goes")), 0.0);
+  const std::size_t lines = changes().size();
+  cycle({gre(Disconnected, "@goes")});
+  EXPECT_THAT(changes(), SizeIs(lines)) << "still down";
+  cycle({gre(Established, "@goes")});
+  EXPECT_THAT(changes().back(), EndsWith("from disconnected to connected"));
+}
+
+// Verifies that of a connection's failures the newest 1000 are kept when no report takes them.
+TEST_F(VPNConnDataAggTest, NewestIncidentsStay) {
+  make_agg();
+  agg->incidents["name"].resize(999);
+  agg->incidents["name"].front().reason = "oldest";
+  agg->state = async_state::finished;
+  for (const char* reason : {"last but one", "last"}) {
+    agg->log_queries.push_back({"", "name", 1, "", "", false});
+    agg->result = std::string("text\n") + reason;
+    agg->handle_async_results();
+    EXPECT_THAT(agg->incidents.at("name"), SizeIs(1000)) << reason;
+  }
+  EXPECT_EQ(agg->incidents.at("name").front().reason, "") << "the oldest went";
+  EXPECT_EQ(agg->incidents.at("name").back().reason, "last");
+  agg->state = async_state::idle;
+}
+
+// Verifies that a failure that 10000 questions wait before is logged at once, without a reason.
+TEST_F(VPNConnDataAggTest, FullQueue) {
+  make_agg();
+  agg->log_queries.resize(9999);
+  VPNConnInfo conn = gre(Established);
+  conn.protocol = "ipsec";
+  for (const std::size_t lines : {0, 1}) {
+    agg->tick(conn);
+    conn.state = Disconnected;
+    agg->tick(conn);
+    conn.state = Established;
+    EXPECT_THAT(agg->log_queries, SizeIs(10000));
+    EXPECT_EQ(agg->log_lines.size(), 2 + 2 * lines);
+  }
+  EXPECT_THAT(agg->log_lines.back(), EndsWith("from connected to disconnected"));
+  EXPECT_EQ(
+      log.count("Too many reason queries wait, not asking about \"" + conn.get_connection_name() + "\""), 1);
+}
+
 // Verifies that a connection that was up and isn't mentioned any more is down, once, without a count.
 TEST_F(VPNConnDataAggTest, UnmentionedIsDown) {
   make_agg();

@@ -7,6 +7,7 @@
 #include "config/zol_configurator.h"
 #include "libzolutils/helper_internal.h"
 #include "sites/zol_vpn_sites.h"
+#include "tests/unit/sites/site_table.h"
 #include "tests/unit/sites/vpn_config.h"
 
 namespace zol {
@@ -49,6 +50,24 @@ TEST_F(ReloadTest, SingleInstallation) {
   install("zol-1.0.0");
   ZOLVPNSitesConf conf;
   EXPECT_EQ(reload(conf), 0u);
+}
+
+// Verifies that the site table reads its sites anew on an installation that becomes dual while it runs.
+TEST_F(ReloadTest, BecomesDual) {
+  install("zol-1.0.0");
+  zol_test::without_kernel();
+  zol_test::forget_site_lists();
+  ASSERT_FALSE(ZOLVPNSitesConf::instance()->hears_reloads);
+  node.set(VpnNode::text({bare_site.text()}, "", zol_test::middle_mile));
+  zol_test::SiteTable table;
+  table.init();
+  EXPECT_EQ(table.site_services.size(), 1u);
+  install("zol-2.0.0");
+  node.set(VpnNode::text({bare_site.text(), bare_site.with("internal_id", "\"18\"").text()}, "",
+                         zol_test::middle_mile));
+  table.reconfigure();
+  EXPECT_EQ(table.site_services.size(), 2u);
+  zol_test::forget_site_lists();
 }
 
 // Verifies that a reload after the object's end finds nobody.
