@@ -8,6 +8,8 @@ from . import netns
 TIMEOUTS = ("time_wait", "close", "last_ack")
 CONNECTION = re.compile(r" ConntrackStats: dump_parser  \[.* mark (\d+) net .* io (\d) ")
 LEFT_OUT = re.compile(r" ConntrackStats: dump_parser: Not counting bytes net \S+ tx bytes (\d+) rx bytes (\d+)")
+COUNTED = re.compile(r" ConntrackStats: dump_parser: Adding to net (\S+) tx bytes (\d+) rx bytes (\d+)")
+UNIDENTIFIED = "Failed to locate user identification!"
 STREAMS = [(stream, way) for stream in ("client-to-server", "server-to-client") for way in ("incoming", "outgoing")]
 
 
@@ -71,6 +73,20 @@ def uncounted(node, failed=()):
             of_service, is_onward = int(found[1]) >> 8 & 0xff, found[2] == "2"
         elif (found := LEFT_OUT.search(line)) and not (is_onward and of_service in failed):
             total += int(found[1]) + int(found[2])
+    return total
+
+
+def of_no_client(node, network_id):
+    """Bytes of that network in onward connections that were read before the daemon knew whose they were, by its log:
+    no client has them."""
+    total, is_onward, is_known = 0, False, True
+    for line in node.log().splitlines():
+        if found := CONNECTION.search(line):
+            is_onward, is_known = found[2] == "2", True
+        elif UNIDENTIFIED in line:
+            is_known = False
+        elif (found := COUNTED.search(line)) and found[1] == network_id and is_onward and not is_known:
+            total += int(found[2]) + int(found[3])
     return total
 
 
