@@ -274,22 +274,33 @@ def make_linked(make_node):
     return node
 
 
-def expect_links(node):
-    """The reports' sums become the kernel's and stay so when nothing moves."""
-    def told_and_counted():
-        bodies = traffic_reports(node)
-        tunnels = ledger.tunnel_sums(bodies)
-        told = ledger.link_sums(bodies), {ip: tunnels[ip] for ip in (NORTH, SOUTH)}
-        return told, (link_truth(node), tunnel_truth(node))
+def link_figures(node):
+    """What the reports told of links and tunnels so far, and what the kernel counted of the same."""
+    bodies = traffic_reports(node)
+    told = {**ledger.link_sums(bodies), **ledger.tunnel_sums(bodies)}
+    counted = {**link_truth(node), **tunnel_truth(node)}
+    return {key: told.get(key, (0,) * 4) for key in counted}, counted
 
+
+def wait_reports(node, count=2):
+    wanted = len(traffic_reports(node)) + count
+    run_and_expect(lambda: len(traffic_reports(node)), lambda found: found >= wanted)
+
+
+def since(before, now):
+    return [{key: tuple(figure - former for figure, former in zip(each[key], earlier[key])) for key in each}
+            for earlier, each in zip(before, now)]
+
+
+def expect_links(node, before):
+    """What the reports tell of what moved since then becomes what the kernel counted, and stays so when nothing moves."""
     def are_equal(both):
         """what was told is what the kernel counted"""
         return both[0] == both[1]
 
-    run_and_expect(told_and_counted, are_equal)
-    count = len(traffic_reports(node))
-    run_and_expect(lambda: len(traffic_reports(node)), lambda found: found >= count + 2)
-    told, counted = told_and_counted()
+    run_and_expect(lambda: since(before, link_figures(node)), are_equal)
+    wait_reports(node)
+    told, counted = since(before, link_figures(node))
     assert told == counted
 
 
@@ -312,16 +323,15 @@ def test_links_and_tunnels(make_node):
     """Verifies, to the byte, links and tunnels of proxied TCP and of forwarded UDP, both ways, over several reports."""
     node = make_linked(make_node)
     lengthen_timeouts(node)
-    # Right behind a reading: one that came before the daemon knows both legs would see a link to the world.
-    earlier = len(traffic_reports(node))
-    run_and_expect(lambda: len(traffic_reports(node)), lambda count: count > earlier)
     client, target = node.session(SERVICES[0])
+    wait_reports(node)  # what is read before the next hop is known stands as a link to the world
+    before = link_figures(node)
     client.sendall(bytes(150_000))
     traffic.read_exactly(target, 150_000)
     target.sendall(bytes(70_000))
     traffic.read_exactly(client, 70_000)
     exchange(node, (10, 500, 1000, 20, 300, 700))
-    expect_links(node)
+    expect_links(node, before)
     assert link_truth(node)["north", "south"][1] > 150_000
     assert node.counted()[6, 3, "ORIGINAL"] == (6, sum((10, 500, 1000, 20, 300, 700)) + 6 * 28)
     told, = [link for report in traffic_reports(node) for link in report["links"]
